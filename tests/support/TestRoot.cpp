@@ -1,0 +1,53 @@
+#include "TestRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+TestRoot::TestRoot()
+{
+    std::string pattern = (fs::temp_directory_path() / "pmode-test-XXXXXX").string();
+    char* made = mkdtemp(pattern.data());
+    if (made == nullptr) ADD_FAILURE() << "cannot create a temporary root";
+    m_dir = pattern;
+    setenv("PMODE_ROOT", m_dir.c_str(), 1);
+}
+
+TestRoot::~TestRoot()
+{
+    unsetenv("PMODE_ROOT");
+    std::error_code ignored;
+    fs::remove_all(m_dir, ignored);
+}
+
+std::string TestRoot::Host(const std::string& devicePath) const
+{
+    return m_dir + devicePath;
+}
+
+void TestRoot::WriteFile(const std::string& devicePath, const std::string& content) const
+{
+    const fs::path path = Host(devicePath);
+    fs::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    if (!out) ADD_FAILURE() << "cannot write " << path;
+}
+
+std::string TestRoot::ReadFile(const std::string& devicePath) const
+{
+    std::ifstream in(Host(devicePath), std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+bool TestRoot::Exists(const std::string& devicePath) const
+{
+    return fs::exists(Host(devicePath));
+}
