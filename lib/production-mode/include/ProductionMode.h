@@ -1,0 +1,4 @@
+#pragma once
+// Every public header of libproduction-mode.
+
+#include "CAdjustDataManager.h"
