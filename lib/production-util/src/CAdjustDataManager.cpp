@@ -90,13 +90,13 @@ bool isCountryDerived(int id)
     return id >= 0 && id < ADJUST_DATA_ID_MAX && countryDataWordOf(id) >= 0;
 }
 
-bool itemIdLess(const CAdjustData* a, const CAdjustData* b)
+bool itemIdLess(CAdjustData* a, CAdjustData* b)
 {
     if (a == nullptr || b == nullptr) return a != nullptr && b == nullptr;
     return a->Infomation(CAdjustData::ADJ_INFO_ID) < b->Infomation(CAdjustData::ADJ_INFO_ID);
 }
 
-long itemId(const CAdjustData* item)
+long itemId(CAdjustData* item)
 {
     return static_cast<long>(item->Infomation(CAdjustData::ADJ_INFO_ID));
 }
@@ -202,7 +202,7 @@ CAdjustData* CAdjustDataManager::find(int id)
     if (item != nullptr && itemId(item) == id) return item;
 
     // Ids are not one per index (a stray record before id 0): search by id instead.
-    auto it = std::lower_bound(sortedItems.begin(), sortedItems.end(), id, [](const CAdjustData* entry, int wanted) {
+    auto it = std::lower_bound(sortedItems.begin(), sortedItems.end(), id, [](CAdjustData* entry, int wanted) {
         return entry != nullptr && itemId(entry) < wanted;
     });
     if (it != sortedItems.end() && *it != nullptr && itemId(*it) == id) return *it;

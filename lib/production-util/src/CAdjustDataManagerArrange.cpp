@@ -20,37 +20,37 @@ namespace {
 
 constexpr int PREF_ID_ADJUST = 3;
 
-long sizeState(const CAdjustData* item)
+long sizeState(CAdjustData* item)
 {
     return static_cast<long>(item->Infomation(CAdjustData::ADJ_INFO_SIZE_STATE));
 }
 
-bool isToBeDeleted(const CAdjustData* item)
+bool isToBeDeleted(CAdjustData* item)
 {
     return sizeState(item) == -1;
 }
 
-bool isChanged(const CAdjustData* item)
+bool isChanged(CAdjustData* item)
 {
     return item->Infomation(CAdjustData::ADJ_INFO_CHANGED) != 0;
 }
 
-unsigned long oldOffset(const CAdjustData* item)
+unsigned long oldOffset(CAdjustData* item)
 {
     return static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_OLD_OFFSET));
 }
 
-unsigned long oldSize(const CAdjustData* item)
+unsigned long oldSize(CAdjustData* item)
 {
     return static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_OLD_SIZE));
 }
 
-unsigned long newSize(const CAdjustData* item)
+unsigned long newSize(CAdjustData* item)
 {
     return static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE));
 }
 
-const char* itemName(const CAdjustData* item)
+const char* itemName(CAdjustData* item)
 {
     return reinterpret_cast<const char*>(item->Infomation(CAdjustData::ADJ_INFO_NAME));
 }
@@ -77,7 +77,7 @@ bool CAdjustDataManager::readAdjustHeaderInfo()
     const unsigned long records = headerStore->GetItemNum();
     for (unsigned long i = 0; i < records; ++i) {
         CAdjustData::_tAdjDataExtHeader header;
-        if (!headerStore->Read(ADJ_HEADER_RECORD_SIZE * i, &header.header, ADJ_HEADER_RECORD_SIZE)) {
+        if (!headerStore->Read(ADJ_HEADER_RECORD_SIZE * i, static_cast<_TAdjDataHeader*>(&header), ADJ_HEADER_RECORD_SIZE)) {
             result = false;
             continue;
         }
@@ -124,7 +124,7 @@ bool CAdjustDataManager::allocateID()
                 // An item added just before has no stored size yet: it ends where its
                 // catalogue size says.
                 if (lastSize == 0) lastSize = lastCatalogueSize;
-                added.header.offset = static_cast<uint32_t>(lastOffset + lastSize);
+                added.offset = static_cast<uint32_t>(lastOffset + lastSize);
                 *item = added;
                 CAdjustLogMachine::GetInstance()->Log("Add %s last Off:%u last Size: %u", row.name,
                                                       static_cast<unsigned>(lastOffset), static_cast<unsigned>(lastSize));
