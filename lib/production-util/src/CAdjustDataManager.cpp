@@ -13,6 +13,7 @@
 #include "CAdjustPreference.h"
 #include "CProductionOSD.h"
 #include "CountryDataList.h"
+#include "LineData.h"
 #include "LineDataList.h"
 #include "PMReport.h"
 #include "kernel.h"
@@ -328,4 +329,19 @@ bool CAdjustDataManager::ResetData(int id)
         return false;
     }
     return true;
+}
+
+unsigned long CAdjustDataManager::getLineDataOffset(int id)
+{
+    return pm::line::getLineDataOffset(id);
+}
+
+long CAdjustDataManager::readLineData(int id)
+{
+    return pm::line::readLineData(lineLoaded, id);
+}
+
+bool CAdjustDataManager::writeLineData(int id, long value, bool save)
+{
+    return pm::line::writeLineData(lineLoaded, id, value, save);
 }
