@@ -1,4 +1,7 @@
 #pragma once
-// Every public header of libproduction-mode.
+// Everything the host application and the workers use of libproduction-mode.
 
+#include "CProductionMode.h"
+#include "CProductionScript.h"
+#include "_tPM_Command.h"
 #include "CAdjustDataManager.h"
