@@ -15,7 +15,7 @@ using namespace adjtest;
 
 namespace {
 
-struct Run {
+struct ToolRun {
     int status;
     std::string output;
 };
@@ -27,7 +27,7 @@ std::string ToolPath()
 }
 
 // Runs adjtool with the arguments (already quoted for the shell), stdout and stderr together.
-Run Adjtool(const std::string& arguments)
+ToolRun Adjtool(const std::string& arguments)
 {
     const std::string command = ToolPath() + " " + arguments + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
@@ -55,7 +55,8 @@ size_t CountLines(const std::string& text)
 TEST(AdjtoolTest, ListShowsEveryItemOfAFreshStore)
 {
     TestRoot root;
-    const Run run = Adjtool(Root(root) + "list");
+    MakeDeviceDirs(root);
+    const ToolRun run = Adjtool(Root(root) + "list");
     ASSERT_EQ(0, run.status) << run.output;
     EXPECT_EQ(1u + 133u + 10u, CountLines(run.output)) << run.output;
     EXPECT_NE(std::string::npos, run.output.find("114  ADJUST_PRESET_DEFECT_PIXEL_ADR")) << run.output;
@@ -69,6 +70,7 @@ TEST(AdjtoolTest, ListShowsEveryItemOfAFreshStore)
 TEST(AdjtoolTest, SetThenGetRoundTripsNumbersTextAndHex)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     struct Case {
         std::string item;
         std::string value;
@@ -84,9 +86,9 @@ TEST(AdjtoolTest, SetThenGetRoundTripsNumbersTextAndHex)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.item + " = " + c.value);
-        const Run set = Adjtool(Root(root) + "set " + c.item + " " + c.value);
+        const ToolRun set = Adjtool(Root(root) + "set " + c.item + " " + c.value);
         EXPECT_EQ(0, set.status) << set.output;
-        const Run get = Adjtool(Root(root) + "get " + c.item);
+        const ToolRun get = Adjtool(Root(root) + "get " + c.item);
         EXPECT_EQ(0, get.status) << get.output;
         EXPECT_NE(std::string::npos, get.output.find(c.shown)) << get.output;
     }
@@ -96,7 +98,7 @@ TEST(AdjtoolTest, SetThenGetRoundTripsNumbersTextAndHex)
     CAdjustDataManager::GetInstance()->Initialize();
     EXPECT_EQ(Bytes({0x10, 0, 0, 0}), ItemBytes(ADJUST_CIS_SN));
 
-    const Run reset = Adjtool(Root(root) + "reset ADJUST_CIS_SN");
+    const ToolRun reset = Adjtool(Root(root) + "reset ADJUST_CIS_SN");
     EXPECT_EQ(0, reset.status) << reset.output;
     EXPECT_NE(std::string::npos, Adjtool(Root(root) + "get 27").output.find(" 0 (0x00000000)"));
 }
@@ -104,8 +106,9 @@ TEST(AdjtoolTest, SetThenGetRoundTripsNumbersTextAndHex)
 TEST(AdjtoolTest, VerifyPassesOnAGoodStoreAndNamesEachProblem)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     ASSERT_EQ(0, Adjtool(Root(root) + "list").status);
-    Run run = Adjtool(Root(root) + "verify");
+    ToolRun run = Adjtool(Root(root) + "verify");
     EXPECT_EQ(0, run.status) << run.output;
     EXPECT_NE(std::string::npos, run.output.find("verify: OK, 133 items, header 18620 bytes, body 3606101 bytes"));
 
@@ -136,9 +139,10 @@ TEST(AdjtoolTest, VerifyPassesOnAGoodStoreAndNamesEachProblem)
 TEST(AdjtoolTest, DumpDiffAndLoad)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     const std::string dump = root.Dir() + "/saved.dump";
     ASSERT_EQ(0, Adjtool(Root(root) + "set ADJUST_CIS_SN 7").status);
-    Run run = Adjtool(Root(root) + "dump " + dump);
+    ToolRun run = Adjtool(Root(root) + "dump " + dump);
     ASSERT_EQ(0, run.status) << run.output;
 
     run = Adjtool(Root(root) + "diff " + dump);
@@ -168,6 +172,7 @@ TEST(AdjtoolTest, DumpDiffAndLoad)
 TEST(AdjtoolTest, BadInputGetsAMessageAndANonZeroStatus)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     ASSERT_EQ(0, Adjtool(Root(root) + "list").status);
     root.WriteFile("/garbage.dump", "this is not a dump");
     const std::string garbage = root.Dir() + "/garbage.dump";
@@ -196,7 +201,7 @@ TEST(AdjtoolTest, BadInputGetsAMessageAndANonZeroStatus)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE("adjtool " + c.arguments);
-        const Run run = Adjtool(c.arguments);
+        const ToolRun run = Adjtool(c.arguments);
         EXPECT_EQ(c.status, run.status) << run.output;
         EXPECT_NE(std::string::npos, run.output.find(c.message)) << run.output;
     }

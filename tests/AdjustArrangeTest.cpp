@@ -96,6 +96,7 @@ void StartTwiceAndCheck(const std::vector<StoredItem>& stored, const std::vector
 TEST(AdjustArrangeTest, UnknownItemIsDeletedAndTheGapClosed)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> stored = CatalogueWithPatterns();
     const std::vector<std::string> catalogueOrder = NamesOf(stored);
     stored.insert(stored.begin() + 5, StoredItem{"ADJUST_RETIRED_TABLE", Bytes(24, 0xC5)});
@@ -114,6 +115,7 @@ TEST(AdjustArrangeTest, UnknownItemIsDeletedAndTheGapClosed)
 TEST(AdjustArrangeTest, MissingRowsAreAppendedInCatalogueOrderWithDefaults)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> stored = CatalogueWithPatterns();
     // Rows 40 and 7 were not known to the software that wrote this store.
     stored.erase(stored.begin() + 40);
@@ -134,6 +136,7 @@ TEST(AdjustArrangeTest, MissingRowsAreAppendedInCatalogueOrderWithDefaults)
 TEST(AdjustArrangeTest, GrownAndShrunkItemsKeepTheirValuesAndLaterItemsMove)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> stored = CatalogueWithPatterns();
     stored[ADJUST_CIS_CLAMP_LEVEL].bytes = Bytes{0x42};                 // 1 byte, catalogue 2
     stored[ADJUST_CIS_LOT_NUMBER].bytes = Pattern(ADJUST_CIS_LOT_NUMBER, 40); // 40 bytes, catalogue 32
@@ -148,6 +151,7 @@ TEST(AdjustArrangeTest, GrownAndShrunkItemsKeepTheirValuesAndLaterItemsMove)
 TEST(AdjustArrangeTest, OfTwoRecordsWithOneNameTheLaterIsKept)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> stored = CatalogueWithPatterns();
     stored.insert(stored.begin() + 50, StoredItem{ADJUST_DATA_LIST[10].name, Bytes{0xD0}});
     WriteStore(stored);
@@ -165,6 +169,7 @@ TEST(AdjustArrangeTest, OfTwoRecordsWithOneNameTheLaterIsKept)
 TEST(AdjustArrangeTest, AllChangesAtOnceWithValuesWrittenBefore)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> stored = CatalogueWithPatterns();
     stored[ADJUST_CIS_SN].bytes = Bytes{1, 2};                               // grows to 4
     stored.insert(stored.begin() + 120, StoredItem{"ADJUST_OLD_LUT", Bytes(5000, 0x77)});
@@ -185,6 +190,7 @@ TEST(AdjustArrangeTest, AllChangesAtOnceWithValuesWrittenBefore)
 TEST(AdjustArrangeTest, RowsThatCannotBePlacedAreReportedAndTheRestStillServes)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     // A single record at body offset 0: no stored item lies beyond it, so the missing
     // rows have no place to go.
     WriteStore({StoredItem{ADJUST_DATA_LIST[0].name, Bytes{0x5C}}});

@@ -44,6 +44,7 @@ void SetShipmentCountry(uint16_t code)
 TEST(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndSurvivesRestart)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
 
     EXPECT_EQ(kFreshHeaderBytes, pref_get_long(kAdjustGroup, kHeaderLengthAt));
@@ -75,6 +76,7 @@ TEST(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndSurvivesRestart)
 TEST(AdjustDataManagerTest, RestartOnAMatchingStorePlansNothingAndWritesNothing)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     uint32_t serial = 0x12345678;
     ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &serial, sizeof(serial), true));
@@ -99,6 +101,7 @@ TEST(AdjustDataManagerTest, RestartOnAMatchingStorePlansNothingAndWritesNothing)
 TEST(AdjustDataManagerTest, LookupByIdAndNameAndOutOfRangeIds)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     uint8_t buffer[4] = {};
     EXPECT_FALSE(Manager()->GetData(ADJUST_CIS_SN, buffer, 4)) << "before Initialize";
     EXPECT_FALSE(Manager()->SetData(ADJUST_CIS_SN, buffer, 4, false)) << "before Initialize";
@@ -127,6 +130,7 @@ TEST(AdjustDataManagerTest, LookupByIdAndNameAndOutOfRangeIds)
 TEST(AdjustDataManagerTest, DeferredWritesReachNandWithTheNextSyncedWrite)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     uint16_t clamp = 0x0BEE;
     uint32_t serial = 77;
@@ -154,6 +158,7 @@ TEST(AdjustDataManagerTest, DeferredWritesReachNandWithTheNextSyncedWrite)
 TEST(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCountryTable)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     SetShipmentCountry(55);
 
@@ -214,6 +219,7 @@ TEST(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCountry
 TEST(AdjustDataManagerTest, LineValuesWorkWithoutInitializeAndResetTogether)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     int32_t value = 5;
     int32_t seen = 0;
     EXPECT_TRUE(Manager()->GetData(139, &seen, 4)) << "line data need no Initialize";
@@ -246,6 +252,7 @@ TEST(AdjustDataManagerTest, LineValuesWorkWithoutInitializeAndResetTogether)
 TEST(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     uint16_t pulses = 400;
     ASSERT_TRUE(Manager()->SetData(ADJUST_PS_PULSE_COUNT, &pulses, 2, true));
@@ -284,6 +291,7 @@ TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         TestRoot root;
+        MakeDeviceDirs(root);
         Manager()->Finalize();
         WriteStore(CatalogueWithPatterns());
         pref_set_long(kAdjustGroup, kHeaderLengthAt, c.headerLength);
@@ -303,6 +311,7 @@ TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
 TEST(AdjustDataManagerTest, RecordPointingPastTheBodyIsNotFollowed)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> items = CatalogueWithPatterns();
     WriteStore(items);
     uint32_t farOffset = 0x7FFFFFF0;
@@ -318,6 +327,7 @@ TEST(AdjustDataManagerTest, RecordPointingPastTheBodyIsNotFollowed)
 TEST(AdjustDataManagerTest, CorruptMarkerStillLoadsTheItems)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     WriteStore(CatalogueWithPatterns());
     const uint8_t broken = 0;
     pref_set_bytes(kAdjustGroup, 8, &broken, 1);
@@ -331,6 +341,7 @@ TEST(AdjustDataManagerTest, CorruptMarkerStillLoadsTheItems)
 TEST(AdjustDataManagerTest, ConcurrentCallersNeverSeeATornValue)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     // Every value written is one byte repeated over the whole 32-byte item, so a value
     // read while another thread writes shows up as mixed bytes.

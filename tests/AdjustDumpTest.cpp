@@ -47,6 +47,7 @@ void WriteSomeValues(uint8_t seed)
 TEST(AdjustDumpTest, DumpThenLoadGivesBackEveryValueAndSavesIt)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     WriteSomeValues(3);
     const std::map<int, Bytes> dumped = AllItemBytes();
@@ -68,6 +69,7 @@ TEST(AdjustDumpTest, DumpThenLoadGivesBackEveryValueAndSavesIt)
 TEST(AdjustDumpTest, LoadOfAnOlderDumpAddsTheMissingItemWithItsDefault)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     std::vector<StoredItem> older = CatalogueWithPatterns();
     older.erase(older.begin() + ADJUST_PS_DUTY_RATIO);
     WriteStore(older);
@@ -98,6 +100,7 @@ TEST(AdjustDumpTest, LoadOfAnOlderDumpAddsTheMissingItemWithItsDefault)
 TEST(AdjustDumpTest, RefusedFilesLeaveTheManagerFinalisedAndNandUntouched)
 {
     TestRoot root;
+    MakeDeviceDirs(root);
     Manager()->Initialize();
     WriteSomeValues(4);
     std::string good = "/mnt/mmc/good.dump";

@@ -11,6 +11,7 @@
 #include "AdjustDataList.h"
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
+#include "TestRoot.h"
 #include "pref.h"
 #include "pref_sim.h"
 
@@ -134,6 +135,14 @@ inline Bytes ItemBytes(int id)
     Bytes bytes(ADJUST_DATA_LIST[id].size);
     if (!item->Get(bytes.data(), bytes.size())) return Bytes();
     return bytes;
+}
+
+/// The directories a camera's NAND partitions hold: the change log's "/adj" and the
+/// write log's "/mnt/ubi1".
+inline void MakeDeviceDirs(const TestRoot& root)
+{
+    root.WriteFile("/adj/.keep", "");
+    root.WriteFile("/mnt/ubi1/.keep", "");
 }
 
 /// Ends the manager's run and starts it again on what NAND holds, as after a power cycle.
