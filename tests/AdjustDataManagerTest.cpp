@@ -71,6 +71,10 @@ TEST(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndSurvivesRestart)
         Restart();
     }
     EXPECT_EQ(133u, ReadRecords().size());
+    const std::string writeLog = root.ReadFile("/mnt/ubi1/log/adj_log.inf");
+    EXPECT_NE(std::string::npos, writeLog.find("makeAdjustHeaderInfo(): start [sync] \n"));
+    EXPECT_NE(std::string::npos, writeLog.find("makeAdjustHeaderInfo(): sync done \n"));
+    EXPECT_NE(std::string::npos, root.ReadFile("/adj/AdjLog.txt").find("#New ADJUST_GYRO_DSP_THERM\n"));
 }
 
 TEST(AdjustDataManagerTest, RestartOnAMatchingStorePlansNothingAndWritesNothing)
@@ -96,6 +100,30 @@ TEST(AdjustDataManagerTest, RestartOnAMatchingStorePlansNothingAndWritesNothing)
     EXPECT_EQ(changeLog, root.ReadFile("/adj/AdjLog.txt"));
     EXPECT_EQ(writeLog, root.ReadFile("/mnt/ubi1/log/adj_log.inf"));
     EXPECT_EQ(Bytes({0x78, 0x56, 0x34, 0x12}), ItemBytes(ADJUST_CIS_SN));
+}
+
+TEST(AdjustDataManagerTest, WriteOnAFullNandIsLostWholeAndTheOldValueSurvives)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    Manager()->Initialize();
+    uint32_t serial = 1111;
+    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &serial, 4, true));
+
+    pref_sim_set_disk_full(1);
+    const unsigned long assertions = pm::AssertionCount();
+    serial = 2222;
+    Manager()->SetData(ADJUST_CIS_SN, &serial, 4, true);
+    EXPECT_EQ(assertions + 1, pm::AssertionCount()) << "the failed save is reported";
+    pref_sim_set_disk_full(0);
+
+    Restart();
+    EXPECT_EQ(Bytes({0x57, 0x04, 0, 0}), ItemBytes(ADJUST_CIS_SN)) << "1111 is still on NAND";
+    EXPECT_EQ("", LayoutProblem());
+    serial = 3333;
+    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &serial, 4, true));
+    Restart();
+    EXPECT_EQ(Bytes({0x05, 0x0D, 0, 0}), ItemBytes(ADJUST_CIS_SN));
 }
 
 TEST(AdjustDataManagerTest, LookupByIdAndNameAndOutOfRangeIds)
