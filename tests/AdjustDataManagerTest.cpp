@@ -303,18 +303,20 @@ TEST(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce)
     EXPECT_EQ(DefaultBytes(ADJUST_CIS_SN), ItemBytes(ADJUST_CIS_SN));
 }
 
-TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
+TEST(AdjustDataManagerTest, BrokenLayoutIsRebuiltNotFollowed)
 {
     struct Case {
         const char* name;
         long headerLength;
         long bodyLength;
+        uint32_t record7Offset;
     };
     const Case cases[] = {
-        {"header past its capacity", 51340, 100},
-        {"negative body", 280, -4},
-        {"empty body under records", 280, 0},
-        {"body past its capacity", 280, 5242881},
+        {"header past its capacity", 51340, 100, 0},
+        {"negative body", 280, -4, 0},
+        {"empty body under records", 280, 0, 0},
+        {"body past its capacity", 280, 5242881, 0},
+        {"record past the body", kFreshHeaderBytes, kFreshBodyBytes, 0x7FFFFFF0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -324,6 +326,7 @@ TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
         WriteStore(CatalogueWithPatterns());
         pref_set_long(kAdjustGroup, kHeaderLengthAt, c.headerLength);
         pref_set_long(kAdjustGroup, kBodyLengthAt, c.bodyLength);
+        if (c.record7Offset != 0) pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * 7 + 128, &c.record7Offset, 4);
         pref_save(kAdjustGroup);
         pref_sim_forget_images();
         const unsigned long assertions = pm::AssertionCount();
@@ -334,22 +337,6 @@ TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
         EXPECT_EQ("", LayoutProblem());
         EXPECT_EQ(DefaultBytes(ADJUST_CIS_CLAMP_LEVEL), ItemBytes(ADJUST_CIS_CLAMP_LEVEL));
     }
-}
-
-TEST(AdjustDataManagerTest, RecordPointingPastTheBodyIsNotFollowed)
-{
-    TestRoot root;
-    MakeDeviceDirs(root);
-    std::vector<StoredItem> items = CatalogueWithPatterns();
-    WriteStore(items);
-    uint32_t farOffset = 0x7FFFFFF0;
-    pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * 7 + 128, &farOffset, 4);
-    pref_save(kAdjustGroup);
-    pref_sim_forget_images();
-
-    Manager()->Initialize();
-    EXPECT_EQ("", LayoutProblem());
-    EXPECT_EQ(133u, ReadRecords().size());
 }
 
 TEST(AdjustDataManagerTest, CorruptMarkerStillLoadsTheItems)
