@@ -240,9 +240,12 @@ int CAdjustFile::copy(FILE* source, FILE* destination, unsigned long from, unsig
             chunk = end - readAt;
             std::memset(buffer, 0, sizeof buffer);
         }
-        if (!seek(source, readAt, SEEK_SET)) return -2;
+        // Each stream moves on with every chunk: positioning both once keeps their
+        // buffers (positioning before each chunk would flush them every time).
+        const bool first = readAt == from;
+        if (first && !seek(source, readAt, SEEK_SET)) return -2;
         if (std::fread(buffer, chunk, 1, source) != 1) return -3;
-        if (!seek(destination, writeAt, SEEK_SET)) return -2;
+        if (first && !seek(destination, writeAt, SEEK_SET)) return -2;
         if (std::fwrite(buffer, chunk, 1, destination) != 1) return -1;
         readAt += chunk;
         writeAt += chunk;

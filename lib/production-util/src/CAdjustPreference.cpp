@@ -330,7 +330,8 @@ int CAdjustPreference::copy(unsigned char* area, FILE* file, unsigned long from,
             std::memcpy(buffer, source, chunk);
             source = buffer;
         }
-        if (!seek(file, to + done, SEEK_SET)) return -2;
+        // The stream moves on with every chunk: positioning once keeps its buffer.
+        if (done == 0 && !seek(file, to, SEEK_SET)) return -2;
         if (std::fwrite(source, chunk, 1, file) != 1) return -1;
         done += chunk;
     }
@@ -350,7 +351,7 @@ int CAdjustPreference::copy(FILE* file, unsigned char* area, unsigned long from,
     for (unsigned long done = 0; done < size;) {
         const unsigned long chunk = size - done < kChunkSize ? size - done : kChunkSize;
         if (chunk < kChunkSize) std::memset(buffer, 0, sizeof buffer);
-        if (!seek(file, from + done, SEEK_SET)) return -2;
+        if (done == 0 && !seek(file, from, SEEK_SET)) return -2;
         if (std::fread(buffer, chunk, 1, file) != 1) return -1;
         std::memcpy(area + to + done, buffer, chunk);
         done += chunk;
