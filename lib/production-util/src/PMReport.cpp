@@ -25,8 +25,15 @@ void compose(char (&buffer)[kBufferSize], const char* prefix, const char* fmt, v
     char text[kBufferSize];
     std::vsnprintf(text, sizeof text, fmt, args);
     size_t length = std::strlen(text);
-    if (length > 0 && text[length - 1] == '\n') text[length - 1] = '\0';
-    std::snprintf(buffer, sizeof buffer, "%s%s%s", prefix, text, kEnd);
+    if (length > 0 && text[length - 1] == '\n') --length;
+    // A long text is cut so that the colour reset and the newline always fit.
+    const size_t prefixLength = std::strlen(prefix);
+    const size_t endLength = std::strlen(kEnd);
+    const size_t room = kBufferSize - 1 - prefixLength - endLength;
+    if (length > room) length = room;
+    std::memcpy(buffer, prefix, prefixLength);
+    std::memcpy(buffer + prefixLength, text, length);
+    std::memcpy(buffer + prefixLength + length, kEnd, endLength + 1);
 }
 
 const char* baseName(const char* path)

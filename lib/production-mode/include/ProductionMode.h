@@ -1,0 +1,6 @@
+#pragma once
+// Everything the host application and the workers use of libproduction-mode.
+
+#include "CProductionMode.h"
+#include "CProductionScript.h"
+#include "_tPM_Command.h"
