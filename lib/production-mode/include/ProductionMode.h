@@ -4,3 +4,8 @@
 #include "CProductionMode.h"
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
+#include "AdjustDataList.h"
+#include "AdjustDataTypes.h"
+#include "CAdjustData.h"
+#include "CAdjustLogMachine.h"
+#include "LineDataList.h"
