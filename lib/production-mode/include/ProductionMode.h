@@ -4,3 +4,6 @@
 #include "CProductionMode.h"
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
+#include "AdjWriteLog.h"
+#include "CAdjustFile.h"
+#include "CAdjustPreference.h"
