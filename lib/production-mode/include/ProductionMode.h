@@ -7,3 +7,4 @@
 #include "AdjWriteLog.h"
 #include "CAdjustFile.h"
 #include "CAdjustPreference.h"
+#include "CProductionCSV.h"
