@@ -136,21 +136,21 @@ protected:
     }
     void TearDown() override { pm::SetTraceSink(nullptr); }
 
-    /// Initialize, Start, and wait until the channel has subscribed to its keys.
+    /// Initialize, Start, and wait until the channel has subscribed to its keys:
+    /// a protocol trigger of 0 is ignored by the channel, with a trace that shows it listens.
     void StartSession()
     {
-        vconf_set_int(kProtocolKeys[0], 77);
         mode->Initialize();
         ASSERT_TRUE(mode->Start());
         const auto deadline = std::chrono::steady_clock::now() + 5s;
-        int value = 77;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (vconf_get_int(kProtocolKeys[0], &value) == 0 && value == 0) break;
-            std::this_thread::sleep_for(5ms);
+        bool listening = false;
+        while (!listening && std::chrono::steady_clock::now() < deadline) {
+            vconf_set_int(kProtocolKeys[0], 0);
+            ASSERT_EQ(0, vconf_sim_wait_idle(2000));
+            listening = traced("PTPCommByProtocol No meanning message");
+            if (!listening) std::this_thread::sleep_for(5ms);
         }
-        ASSERT_EQ(0, value) << "the channel never subscribed";
-        // The subscription follows right after the key is reset.
-        std::this_thread::sleep_for(100ms);
+        ASSERT_TRUE(listening) << "the channel never subscribed";
     }
 
     /// Finalize, which must return although the loop waits for a message.
