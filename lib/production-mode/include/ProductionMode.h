@@ -13,6 +13,7 @@
 #include "CAdjustFile.h"
 #include "CAdjustPreference.h"
 #include "CProductionCSV.h"
+#include "CAdjustDataManager.h"
 #include "AdjustDataList.h"
 #include "AdjustDataTypes.h"
 #include "CAdjustData.h"
