@@ -1,20 +1,28 @@
 #pragma once
 // Everything the host application and the workers use of libproduction-mode.
 
+// Production-mode control and the production script
 #include "CProductionMode.h"
+#include "CProductionPTP.h"
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
-#include "CProductionPTP.h"
-#include "CPTPAdjInterface.h"
-#include "CProductionOSD.h"
+
+// Worker framework
 #include "CWorkerFactory.h"
 #include "IPModeWorker.h"
+
+// Host link, display, results and logs
 #include "AdjWriteLog.h"
-#include "CAdjustFile.h"
-#include "CAdjustPreference.h"
-#include "CAdjustDataManager.h"
+#include "CAdjustLogMachine.h"
+#include "CPTPAdjInterface.h"
+#include "CProductionCSV.h"
+#include "CProductionOSD.h"
+
+// Adjust data
 #include "AdjustDataList.h"
 #include "AdjustDataTypes.h"
 #include "CAdjustData.h"
-#include "CAdjustLogMachine.h"
+#include "CAdjustDataManager.h"
+#include "CAdjustFile.h"
+#include "CAdjustPreference.h"
 #include "LineDataList.h"
