@@ -4,3 +4,8 @@
 #include "CProductionMode.h"
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
+#include "CProductionPTP.h"
+#include "CPTPAdjInterface.h"
+#include "CProductionOSD.h"
+#include "CWorkerFactory.h"
+#include "IPModeWorker.h"

@@ -1,0 +1,97 @@
+#pragma once
+// The message channel to the factory PC. The camera's PTP service turns the
+// PC's requests into writes of key-value store keys; this channel subscribes to
+// the two request keys, hands each request to the controller's thread, reads
+// its values and writes the answer held by CPTPAdjInterface. One request is in
+// flight at a time:
+//
+//   "memory/private/pmode"            string  a script line (message type 1)
+//   "memory/private/pmode_protocol1"  int     a protocol message when set to a
+//                                             value other than 0 (message type 2);
+//                                             "..._protocol2" to "_protocol5" carry
+//                                             its arguments, the file
+//                                             "/var/run/memory/private/pmode_shutter_data"
+//                                             its optional payload
+//   "memory/private/pmode_Param3", "_Param2", then "_Param1"   the response
+//   "memory/private/pmode_stream" / "memory/private/pmode_file" a data block / a file
+//
+// Threads: the two callbacks run on the key-value store's notification thread
+// and block (looking every 100 ms) while a request is served; everything else
+// runs on the controller's thread, except Mount/Unmount, which the controller's
+// start and stop may call from the host application's thread. The hand-over is
+// the message type and the event flag; no lock is taken.
+//
+// The text of a script-line request is copied by the callback (the store's
+// string lives only during the callback); the channel owns the copy until
+// ReadScript has parsed it or SendPTP releases it.
+
+#include "CProductionScript.h"
+#include "_tPM_Command.h"
+
+#include <atomic>
+#include <cstdint>
+
+class CEventFlag;
+struct _keynode_t;
+
+/// Message types of the channel.
+enum {
+    PTP_MSG_NONE = 0,     ///< the channel is free (or stopping)
+    PTP_MSG_SCRIPT = 1,   ///< a script line is pending
+    PTP_MSG_PROTOCOL = 2, ///< a protocol message is pending
+};
+
+class CProductionPTP {
+public:
+    /// Message type 0, not mounted, no buffer.
+    CProductionPTP();
+    /// Deletes the event flag and releases the buffer. Unmount first.
+    ~CProductionPTP();
+    CProductionPTP(const CProductionPTP&) = delete;
+    CProductionPTP& operator=(const CProductionPTP&) = delete;
+
+    /// Subscribes to the two request keys (once). True when mounted.
+    bool Mount();
+    /// Ends the subscriptions (up to 10 tries, 100 ms apart) and wakes a thread
+    /// blocked in PollingPTPComm with the stop bit. False when every try failed.
+    bool Unmount();
+    /// Blocks until a request or a stop arrives; returns at once when not mounted.
+    /// Controller's thread.
+    void PollingPTPComm();
+    /// PTP_MSG_NONE, PTP_MSG_SCRIPT or PTP_MSG_PROTOCOL. Any thread.
+    uint32_t GetPTPMessageType();
+    /// The command of the pending script line (an empty command when none); the
+    /// line's text is released. Controller's thread.
+    _tPM_Command ReadScript();
+    /// Reads the pending protocol message: operation code, p1 to p4 and, when the
+    /// payload file exists, the payload (the channel's buffer, valid until
+    /// SendPTP). 0; -1 the payload cannot be positioned; -2 short read; -3 an
+    /// earlier payload is still held; -4 empty payload; -5 an operation-code or
+    /// p1/p2 key cannot be read. Controller's thread.
+    int32_t ReceivePTP(int& operation, int& p1, int& p2, int& p3, int& p4, char** payload);
+    /// Writes the pending answer, clears CPTPAdjInterface and frees the channel for
+    /// the next request. 0, or -1 when a key could not be written. Controller's thread.
+    int32_t SendPTP();
+
+    /// The subscription steps of Mount. True when at least one subscription holds.
+    bool registerPTPComm();
+    /// The unsubscription steps of Unmount. True when at least one was removed.
+    bool unregisterPTPComm();
+
+    /// Notification of "memory/private/pmode"; user data is the channel.
+    static void PTPCommByScript(_keynode_t* node, void* userData);
+    /// Notification of "memory/private/pmode_protocol1"; user data is the channel.
+    static void PTPCommByProtocol(_keynode_t* node, void* userData);
+
+private:
+    /// Waits (100 ms steps) until the previous request has been served.
+    void waitUntilFree();
+    int32_t readProtocolKeys(int& operation, int& p1, int& p2, int& p3, int& p4);
+    void releaseBuffer();
+
+    CEventFlag* pEventFlag;              ///< owned; wakes the controller's thread
+    char* pMessageBuffer;                ///< owned (malloc); script text or payload; null when none
+    CProductionScript cScript;           ///< parses script-line requests
+    std::atomic<uint32_t> nMessageType;  ///< PTP_MSG_*; 0 frees the channel
+    std::atomic<bool> blMounted;         ///< true while subscribed
+};
