@@ -1,4 +1,5 @@
 #include "HostLinkClient.h"
+#include "PmodeSimHost.h"
 
 #include "kernel.h"
 #include "vconf.h"

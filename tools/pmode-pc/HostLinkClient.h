@@ -15,9 +15,6 @@
 #include <mutex>
 #include <string>
 
-/// Key that pmode-sim sets to "serving" while its host channel listens.
-constexpr const char* kSimStateKey = "pmode_sim/state";
-
 struct HostAnswer {
     enum Kind { NONE, RESPONSE, STREAM, FILE_PATH } kind = NONE; ///< NONE: no answer in time
     uint32_t code = 0, value2 = 0, value3 = 0; ///< RESPONSE

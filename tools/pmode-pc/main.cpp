@@ -16,6 +16,7 @@
 // Exit status: 0 when every request got the answer expected, 1 otherwise, 2 bad
 // usage, 3 when no pmode-sim serves the host link.
 #include "HostLinkClient.h"
+#include "PmodeSimHost.h"
 
 #include "kernel.h"
 
