@@ -1,12 +1,37 @@
 #include "kernel.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <string>
+
+namespace {
+
+/// Creates "<root>/tmp" the first time a root is met (a device always has one).
+void ensureDeviceTmp(const char* root)
+{
+    static std::mutex mutex;
+    static std::string lastRoot;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (lastRoot == root) return;
+    std::string tmp = root;
+    if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
+    tmp += "/tmp";
+    // A root that does not exist yet is tried again on the next call.
+    if (mkdir(tmp.c_str(), 01777) == 0 || errno == EEXIST) lastRoot = root;
+}
+
+} // namespace
 
 extern "C" const char* kernel_root(void)
 {
     const char* root = std::getenv("PMODE_ROOT");
-    return root != nullptr ? root : "";
+    if (root == nullptr || root[0] == '\0') return "";
+    ensureDeviceTmp(root);
+    return root;
 }
 
 extern "C" int kernel_map_path(const char* device_path, char* out, size_t size)

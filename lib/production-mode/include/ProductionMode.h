@@ -9,3 +9,6 @@
 #include "CProductionOSD.h"
 #include "CWorkerFactory.h"
 #include "IPModeWorker.h"
+#include "AdjWriteLog.h"
+#include "CAdjustFile.h"
+#include "CAdjustPreference.h"
