@@ -12,3 +12,4 @@
 #include "AdjWriteLog.h"
 #include "CAdjustFile.h"
 #include "CAdjustPreference.h"
+#include "CAdjustDataManager.h"

@@ -1,0 +1,156 @@
+#pragma once
+// Test helpers for the adjust group (preference group 3): build a store of chosen
+// records straight into the group image, read its records and bytes back, and restart
+// the manager on what NAND holds.
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "AdjustDataList.h"
+#include "CAdjustData.h"
+#include "CAdjustDataManager.h"
+#include "TestRoot.h"
+#include "pref.h"
+#include "pref_sim.h"
+
+namespace adjtest {
+
+constexpr int kAdjustGroup = 3;
+constexpr unsigned long kHeaderLengthAt = 9;
+constexpr unsigned long kHeaderAt = 13;
+constexpr unsigned long kBodyLengthAt = 51213;
+constexpr unsigned long kBodyAt = 51217;
+constexpr unsigned long kRecordSize = 140;
+constexpr long kFreshHeaderBytes = 18620;
+constexpr long kFreshBodyBytes = 3606101;
+
+using Bytes = std::vector<uint8_t>;
+
+struct StoredItem {
+    std::string name;
+    Bytes bytes;
+};
+
+struct Record {
+    std::string name;
+    uint32_t offset;
+    uint32_t size;
+};
+
+/// Bytes that tell items apart: no two items of the catalogue share a pattern.
+inline Bytes Pattern(int id, size_t size)
+{
+    Bytes bytes(size);
+    for (size_t j = 0; j < size; ++j) bytes[j] = static_cast<uint8_t>(id * 31 + j * 7 + 1);
+    return bytes;
+}
+
+/// The default value of a catalogue row as the item stores it (little-endian, zero fill).
+inline Bytes DefaultBytes(int id)
+{
+    const _TDATAINFO& row = ADJUST_DATA_LIST[id];
+    Bytes bytes(row.size, 0);
+    for (size_t i = 0; i < bytes.size() && i < 4; ++i) bytes[i] = static_cast<uint8_t>(row.value >> (8 * i));
+    return bytes;
+}
+
+/// Every catalogue row, in catalogue order, holding its Pattern.
+inline std::vector<StoredItem> CatalogueWithPatterns()
+{
+    std::vector<StoredItem> items;
+    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id)
+        items.push_back({ADJUST_DATA_LIST[id].name, Pattern(id, ADJUST_DATA_LIST[id].size)});
+    return items;
+}
+
+/// Lays the items out as a store would (records in order, bytes back to back), with the
+/// markers set, and saves the group to NAND.
+inline void WriteStore(const std::vector<StoredItem>& items)
+{
+    pref_reset(kAdjustGroup);
+    uint32_t offset = 0;
+    for (size_t i = 0; i < items.size(); ++i) {
+        uint8_t record[kRecordSize] = {};
+        std::strncpy(reinterpret_cast<char*>(record), items[i].name.c_str(), 63);
+        std::strncpy(reinterpret_cast<char*>(record + 64), "adj_body.dat", 63);
+        const uint32_t size = static_cast<uint32_t>(items[i].bytes.size());
+        std::memcpy(record + 128, &offset, 4);
+        std::memcpy(record + 132, &size, 4);
+        pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * i, record, kRecordSize);
+        if (size > 0) pref_set_bytes(kAdjustGroup, kBodyAt + offset, items[i].bytes.data(), size);
+        offset += size;
+    }
+    pref_set_long(kAdjustGroup, kHeaderLengthAt, static_cast<long>(kRecordSize * items.size()));
+    pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(offset));
+    pref_save(kAdjustGroup);
+}
+
+/// The records of the header area as the group image holds them now.
+inline std::vector<Record> ReadRecords()
+{
+    std::vector<Record> records;
+    const long length = pref_get_long(kAdjustGroup, kHeaderLengthAt);
+    const uint8_t* group = pref_get_addr(kAdjustGroup, nullptr);
+    for (long position = 0; position + static_cast<long>(kRecordSize) <= length; position += kRecordSize) {
+        const uint8_t* record = group + kHeaderAt + position;
+        Record parsed;
+        parsed.name.assign(reinterpret_cast<const char*>(record), strnlen(reinterpret_cast<const char*>(record), 64));
+        std::memcpy(&parsed.offset, record + 128, 4);
+        std::memcpy(&parsed.size, record + 132, 4);
+        records.push_back(parsed);
+    }
+    return records;
+}
+
+/// The stored bytes of a record.
+inline Bytes ReadBody(const Record& record)
+{
+    const uint8_t* body = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt;
+    return Bytes(body + record.offset, body + record.offset + record.size);
+}
+
+/// Empty when every record starts where the one before ends and the body area ends with
+/// the last one; otherwise what is wrong.
+inline std::string LayoutProblem()
+{
+    uint64_t expected = 0;
+    for (const Record& record : ReadRecords()) {
+        if (record.offset != expected)
+            return record.name + " at " + std::to_string(record.offset) + ", expected " + std::to_string(expected);
+        expected += record.size;
+    }
+    const long body = pref_get_long(kAdjustGroup, kBodyLengthAt);
+    if (static_cast<uint64_t>(body) != expected)
+        return "body area " + std::to_string(body) + " bytes, records end at " + std::to_string(expected);
+    return "";
+}
+
+/// The stored bytes of an item as the manager reads them (the item, not the country table).
+inline Bytes ItemBytes(int id)
+{
+    CAdjustData* item = CAdjustDataManager::GetInstance()->find(id);
+    if (item == nullptr) return Bytes();
+    Bytes bytes(ADJUST_DATA_LIST[id].size);
+    if (!item->Get(bytes.data(), bytes.size())) return Bytes();
+    return bytes;
+}
+
+/// The directories a camera's NAND partitions hold: the change log's "/adj" and the
+/// write log's "/mnt/ubi1".
+inline void MakeDeviceDirs(const TestRoot& root)
+{
+    root.WriteFile("/adj/.keep", "");
+    root.WriteFile("/mnt/ubi1/.keep", "");
+}
+
+/// Ends the manager's run and starts it again on what NAND holds, as after a power cycle.
+inline void Restart()
+{
+    CAdjustDataManager::GetInstance()->Finalize();
+    pref_sim_forget_images();
+    CAdjustDataManager::GetInstance()->Initialize();
+}
+
+} // namespace adjtest
