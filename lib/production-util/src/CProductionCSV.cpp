@@ -1,0 +1,271 @@
+#include "CProductionCSV.h"
+
+#include "CAdjustDataManager.h"
+#include "CPTPAdjInterface.h"
+#include "CProductionMode.h"
+#include "PMReport.h"
+#include "kernel.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kAdjustCisSn = 27; // ADJUST_CIS_SN
+constexpr int kLineMax = 4095;
+constexpr size_t kIndexFieldMax = 11;
+constexpr const char* kHeaderStart = "Index,CIS S/N";
+
+bool hostLinkMode()
+{
+    return CProductionMode::GetInstance()->GetOperationType() == OP_TYPE_PTP;
+}
+
+bool isFloatConversion(char c)
+{
+    return c == 'e' || c == 'f' || c == 'g' || c == 'E' || c == 'G';
+}
+
+/// Walks the format as vprintf would take its arguments and remembers the last
+/// "%s" string. False for an "l" that is not followed by a floating conversion.
+bool findLastString(const char* format, va_list args, const char*& lastString)
+{
+    lastString = nullptr;
+    for (const char* p = format; *p != '\0'; ++p) {
+        if (*p != '%') continue;
+        ++p;
+        while (*p != '\0' && std::strchr("-+ #0'", *p) != nullptr) ++p;
+        if (*p == '*') {
+            (void)va_arg(args, int);
+            ++p;
+        } else {
+            while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
+        }
+        if (*p == '.') {
+            ++p;
+            if (*p == '*') {
+                (void)va_arg(args, int);
+                ++p;
+            } else {
+                while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
+            }
+        }
+        // Length modifiers other than "l" pick the argument's real size.
+        enum { kInt, kWide, kLongDouble } size = kInt;
+        if (*p == 'h') {
+            ++p;
+            if (*p == 'h') ++p;
+        } else if (*p == 'z' || *p == 'j' || *p == 't') {
+            size = kWide;
+            ++p;
+        } else if (*p == 'L') {
+            size = kLongDouble;
+            ++p;
+        }
+        switch (*p) {
+        case '\0':
+            return true;
+        case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c':
+            if (size == kWide) {
+                (void)va_arg(args, long long);
+            } else {
+                (void)va_arg(args, int);
+            }
+            break;
+        case 'e': case 'f': case 'g': case 'E': case 'G': case 'F': case 'a': case 'A':
+            if (size == kLongDouble) {
+                (void)va_arg(args, long double);
+            } else {
+                (void)va_arg(args, double);
+            }
+            break;
+        case 's':
+            lastString = va_arg(args, const char*);
+            break;
+        case 'p': case 'n':
+            (void)va_arg(args, void*);
+            break;
+        case 'l':
+            if (!isFloatConversion(p[1])) return false;
+            (void)va_arg(args, double);
+            ++p;
+            break;
+        default:
+            break;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+CProductionCSV::CProductionCSV()
+    : nLineIndex(0), strPTPData(), fpCSV(nullptr), nFileSize(0), strFilePath("/mnt/mmc/")
+{
+}
+
+CProductionCSV::~CProductionCSV()
+{
+    strPTPData.clear();
+    if (fpCSV != nullptr) std::fclose(fpCSV);
+}
+
+bool CProductionCSV::SetFilePath(std::string directory)
+{
+    strFilePath = directory;
+    return true;
+}
+
+int CProductionCSV::Create(std::string name, std::string header)
+{
+    if (hostLinkMode()) {
+        strPTPData = name + "\r\n" + kHeaderStart + "," + header + "\r\n";
+        return PM_CSV_OK;
+    }
+
+    if (fpCSV != nullptr) std::fclose(fpCSV);
+    const std::string path = KernelPath((strFilePath + name).c_str());
+    fpCSV = std::fopen(path.c_str(), "r+b");
+    if (fpCSV == nullptr) fpCSV = std::fopen(path.c_str(), "w+b");
+    if (fpCSV == nullptr) {
+        PM_TRACE(" Error Load CSV File From Path [%s]\n", name.c_str());
+        return PM_CSV_FILE_ERROR;
+    }
+    // Unbuffered: a line reaches the card whole or fails at once, nothing waits in a buffer.
+    std::setvbuf(fpCSV, nullptr, _IONBF, 0);
+
+    long size = 0;
+    if (std::fseek(fpCSV, 0, SEEK_END) == 0) size = std::ftell(fpCSV);
+    if (size < 0) {
+        PM_TRACE(" Error Load CSV File From Path [%s]\n", name.c_str());
+        std::fclose(fpCSV);
+        fpCSV = nullptr;
+        return PM_CSV_FILE_ERROR;
+    }
+    nFileSize = static_cast<int32_t>(size);
+
+    if (nFileSize == 0 && write(header, true) != PM_CSV_OK) {
+        std::fclose(fpCSV);
+        fpCSV = nullptr;
+        nFileSize = 0;
+        return PM_CSV_FILE_ERROR;
+    }
+    nLineIndex = getLineIndex();
+    return PM_CSV_OK;
+}
+
+int CProductionCSV::Write(const char* format, ...)
+{
+    if (format == nullptr) return PM_CSV_OK;
+
+    const char* lastString = nullptr;
+    va_list walk;
+    va_start(walk, format);
+    const bool understood = findLastString(format, walk, lastString);
+    va_end(walk);
+    PM_CHECK(understood, PM_CSV_LENGTH_ERROR);
+
+    const size_t estimate = std::strlen(format) + (lastString != nullptr ? std::strlen(lastString) : 0);
+    if (estimate == 0 || estimate > static_cast<size_t>(kLineMax)) return PM_CSV_LENGTH_ERROR;
+
+    char text[kLineMax + 1] = {};
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    PM_CHECK(length >= 0 && length <= kLineMax, PM_CSV_LENGTH_ERROR);
+
+    return write(text, false);
+}
+
+int CProductionCSV::write(std::string text, bool header)
+{
+    std::string line = "," + text + "\r\n";
+    if (header) {
+        line = kHeaderStart + line;
+    } else {
+        const int32_t index = nLineIndex++;
+        int32_t serial = 0;
+        PM_CHECK(CAdjustDataManager::GetInstance()->GetData(kAdjustCisSn, &serial, sizeof serial), PM_CSV_FILE_ERROR);
+        line = std::to_string(index) + "," + std::to_string(serial) + line;
+    }
+
+    if (hostLinkMode()) {
+        if (!strPTPData.empty()) strPTPData += line;
+        return PM_CSV_OK;
+    }
+
+    if (fpCSV == nullptr) {
+        PM_TRACE("Not Ready to Write write\n");
+        return PM_CSV_FILE_ERROR;
+    }
+    if (std::fseek(fpCSV, 0, SEEK_END) != 0) return PM_CSV_FILE_ERROR;
+    if (std::fwrite(line.data(), line.size(), 1, fpCSV) != 1) {
+        // Cut off what part of the line reached the card: the table never ends in half a line.
+        std::clearerr(fpCSV);
+        if (ftruncate(fileno(fpCSV), nFileSize) != 0) PM_TRACE("CSV line could not be cut off\n");
+        return PM_CSV_FILE_ERROR;
+    }
+    nFileSize += static_cast<int32_t>(line.size());
+    return PM_CSV_OK;
+}
+
+bool CProductionCSV::readWholeFile(std::string& content)
+{
+    content.assign(static_cast<size_t>(nFileSize), '\0');
+    if (std::fseek(fpCSV, 0, SEEK_SET) != 0) {
+        PM_TRACE("File control error[getlinelindex->Seek]: ");
+        return false;
+    }
+    if (std::fread(&content[0], 1, content.size(), fpCSV) != content.size()) {
+        PM_TRACE("File control error[getlinelindex->Read]: ");
+        return false;
+    }
+    return true;
+}
+
+int32_t CProductionCSV::getLineIndex()
+{
+    if (nFileSize == 0 || fpCSV == nullptr) return 0;
+
+    std::string content;
+    PM_CHECK(readWholeFile(content), 0);
+    PM_CHECK(content.size() > 2, 0);
+
+    // The last line starts after the last '\n' before the file's final byte.
+    const size_t lastBreak = content.find_last_of('\n', content.size() - 2);
+    const size_t start = lastBreak == std::string::npos ? 0 : lastBreak + 1;
+    const size_t comma = content.find(',', start);
+    if (comma == std::string::npos) return 1;
+
+    const std::string field = content.substr(start, comma - start);
+    if (field.empty() || field.size() > kIndexFieldMax) {
+        PM_TRACE("[PM] Too many Index was created");
+        PM_ASSERT_FAILED();
+        return 0;
+    }
+    if (field == "Index") return 0;
+    const int32_t next = std::atoi(field.c_str()) + 1;
+    PM_TRACE("Get Last Line Index [%d]\n", next);
+    return next;
+}
+
+void CProductionCSV::Close()
+{
+    if (fpCSV != nullptr) {
+        std::fclose(fpCSV);
+        fpCSV = nullptr;
+    }
+    if (hostLinkMode()) {
+        CPTPAdjInterface::GetInstance()->SetData(
+            reinterpret_cast<unsigned char*>(const_cast<char*>(strPTPData.data())), static_cast<int>(strPTPData.size()));
+    }
+}
+
+std::string CProductionCSV::GetCSVData4PTPTrans()
+{
+    return strPTPData;
+}

@@ -1,0 +1,315 @@
+// Script-mode runs from a simulated memory card, driven through the public API
+// as the host application drives them: Initialize, Start, Finalize.
+#include "ProductionMode.h"
+#include "CAdjustDataManager.h"
+#include "PMReport.h"
+#include "TestRoot.h"
+#include "vconf.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::mutex g_mutex;
+std::condition_variable g_changed;
+std::vector<std::string> g_calls;  // "<worker>: name p0 p1 ..." in the order of Execute
+std::vector<std::string> g_traces;
+
+void recordTrace(const char* text)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_traces.emplace_back(text);
+}
+
+std::string describe(const _tPM_Command& command)
+{
+    std::string text = command.szWorker;
+    for (int i = 0; i < command.nParamCount; ++i) text += std::string(" ") + command.szParam[i];
+    return text;
+}
+
+/// A worker registered under a group name; logs every command it gets and
+/// answers with its action's result (0 without an action).
+class TestWorker : public IPModeWorker {
+public:
+    using Action = std::function<int(_tPM_Command*)>;
+    explicit TestWorker(const char* group, Action action = nullptr) : action(std::move(action)) { pszName = group; }
+
+    int Execute(_tPM_Command* command) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            g_calls.push_back(std::string(pszName) + ": " + describe(*command));
+        }
+        g_changed.notify_all();
+        return action ? action(command) : 0;
+    }
+
+private:
+    Action action;
+};
+
+TestWorker* addWorker(const char* group, TestWorker::Action action = nullptr)
+{
+    auto* worker = new TestWorker(group, std::move(action));
+    CWorkerFactory::GetInstance()->AddWorker(worker);
+    return worker;
+}
+
+class ScriptRunTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            g_calls.clear();
+            g_traces.clear();
+        }
+        pm::SetTraceSink(&recordTrace);
+        mode = CProductionMode::GetInstance();
+    }
+    void TearDown() override { pm::SetTraceSink(nullptr); }
+
+    void PutScript(const std::string& name, const std::string& text)
+    {
+        root.WriteFile("/mnt/mmc/info.tg", name);
+        root.WriteFile("/mnt/mmc/" + name, text);
+    }
+
+    /// Starts a run and waits until it has ended (operation type back to 0 after
+    /// the thread body ran), then finalizes. False when the run did not end.
+    bool RunToEnd(std::chrono::milliseconds limit = 5s)
+    {
+        mode->Initialize();
+        if (!mode->Start()) return false;
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        // The body is over once the thread can be joined; Finalize joins it, so
+        // wait for the loop to leave its type first and give it the time to get there.
+        bool ended = false;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (!mode->IsActive() && bodyFinished()) {
+                ended = true;
+                break;
+            }
+            std::this_thread::sleep_for(5ms);
+        }
+        mode->Finalize();
+        return ended;
+    }
+
+    /// The last command of every script here is "delay end 1" (worker DD), so the
+    /// run is over when it was called, or when CMD FAIL was traced.
+    bool bodyFinished()
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        for (const auto& call : g_calls)
+            if (call == "DD: delay end 1") return true;
+        for (const auto& trace : g_traces)
+            if (trace.find("CMD FAIL") != std::string::npos) return true;
+        return false;
+    }
+
+    std::vector<std::string> Calls()
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        return g_calls;
+    }
+
+    bool Traced(const std::string& part)
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        for (const auto& trace : g_traces)
+            if (trace.find(part) != std::string::npos) return true;
+        return false;
+    }
+
+    TestRoot root;
+    CProductionMode* mode = nullptr;
+};
+
+TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderWithGotoLoopsAndUnknownCommandsPassedOver)
+{
+    std::vector<int> typesSeen;
+    addWorker("LENS", [&](_tPM_Command*) {
+        typesSeen.push_back(mode->GetOperationType());
+        return 0;
+    });
+    addWorker("CAP");
+    addWorker("UI");
+    addWorker("DD");
+    // info.tg ends with a newline: the script path is cut after ".adj".
+    root.WriteFile("/mnt/mmc/info.tg", "run.adj\n");
+    root.WriteFile("/mnt/mmc/run.adj", "// lens and shutter check\n"
+                                       "label ADJ_00\n"
+                                       "lens init 1\n"
+                                       "label LOOP1\n"
+                                       "shutter speed 1 2\n"
+                                       "goto LOOP1 2\n"
+                                       "no_such_command x 1\n"
+                                       "line_process strobe flash_write\n"
+                                       "key press 1\n"
+                                       "delay end 1\n");
+    ASSERT_TRUE(RunToEnd());
+
+    const std::vector<std::string> expected = {
+        "LENS: lens init 1",      "CAP: shutter speed 1 2", "CAP: shutter speed 1 2",
+        "CAP: shutter speed 1 2", "CAP: line_process strobe flash_write",
+        "UI: key press 1",        "DD: delay end 1",
+    };
+    EXPECT_EQ(expected, Calls());
+    EXPECT_EQ(std::vector<int>{OP_TYPE_SCRIPT}, typesSeen) << "IsActive during the run";
+    EXPECT_FALSE(mode->IsActive());
+    EXPECT_FALSE(Traced("CMD FAIL"));
+    // The script ran, so the host channel was never subscribed.
+    EXPECT_EQ(nullptr, vconf_get_str("memory/private/pmode"));
+}
+
+TEST_F(ScriptRunTest, AFailingCommandStopsTheRunAndShowsCmdFail)
+{
+    addWorker("UI", [](_tPM_Command* command) { return std::string(command->szParam[1]) == "2" ? -1 : 0; });
+    addWorker("DD");
+    PutScript("fail.adj", "key press 1\nkey press 2\nkey press 3\ndelay end 1\n");
+    ASSERT_TRUE(RunToEnd());
+
+    EXPECT_EQ((std::vector<std::string>{"UI: key press 1", "UI: key press 2"}), Calls());
+    EXPECT_TRUE(Traced("CMD FAIL: key, press, 2"));
+    EXPECT_FALSE(mode->IsActive());
+}
+
+TEST_F(ScriptRunTest, ResumesAtTheLabelOfTheRecordedStep)
+{
+    addWorker("UI");
+    addWorker("DD");
+    const std::string script = "key step 0\n"
+                               "label ADJ_03\n"
+                               "key step 3\n"
+                               "label ADJ_12\n"
+                               "key step 12\n"
+                               "delay end 1\n";
+    struct Case {
+        int step;
+        std::vector<std::string> calls;
+    } cases[] = {
+        {3, {"UI: key step 3", "UI: key step 12", "DD: delay end 1"}},
+        {12, {"UI: key step 12", "DD: delay end 1"}},
+        // No label ADJ_07: the run starts at the first command line.
+        {7, {"UI: key step 0", "UI: key step 3", "UI: key step 12", "DD: delay end 1"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE("step " + std::to_string(c.step));
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            g_calls.clear();
+        }
+        int step = c.step;
+        ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(135, &step, sizeof step, true));
+        PutScript("resume.adj", script);
+        ASSERT_TRUE(RunToEnd());
+        EXPECT_EQ(c.calls, Calls());
+    }
+}
+
+TEST_F(ScriptRunTest, DefaultScriptRunsInsteadOfTheNamedOne)
+{
+    addWorker("UI");
+    addWorker("DD");
+    root.WriteFile("/mnt/mmc/info.tg", "named.adj");
+    root.WriteFile("/mnt/mmc/named.adj", "key named 1\ndelay end 1\n");
+    root.WriteFile("/mnt/mmc/default.adj", "key default 1\ndelay end 1\n");
+    // Host-link mode is enabled as well: the script wins.
+    root.WriteFile("/mnt/mmc/info.tgw", "");
+    ASSERT_TRUE(RunToEnd());
+    EXPECT_EQ((std::vector<std::string>{"UI: key default 1", "DD: delay end 1"}), Calls());
+    EXPECT_EQ(nullptr, vconf_get_str("memory/private/pmode"));
+}
+
+TEST_F(ScriptRunTest, EmptyScriptsAndParameterlessCommandsEndTheRunWithoutCallingAWorker)
+{
+    addWorker("UI");
+    addWorker("DD");
+    // A name followed by a space has no parameters: it reads as the end of the script.
+    const char* scripts[] = {"", "key \nkey press 1\n", "// only a comment\n"};
+    for (const char* text : scripts) {
+        SCOPED_TRACE(std::string("script \"") + text + "\"");
+        PutScript("short.adj", text);
+        mode->Initialize();
+        ASSERT_TRUE(mode->Start());
+        // Time for the run to reach the commands after the parameterless one, were it to go on.
+        std::this_thread::sleep_for(300ms);
+        auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
+        ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
+        EXPECT_TRUE(Calls().empty());
+        EXPECT_FALSE(mode->IsActive());
+    }
+}
+
+TEST_F(ScriptRunTest, FinalizeDuringARunLetsTheRunningCommandFinishAndRunsNoOther)
+{
+    std::mutex gate;
+    std::condition_variable opened;
+    bool open = false;
+    bool entered = false;
+    addWorker("UI", [&](_tPM_Command*) {
+        std::unique_lock<std::mutex> lock(gate);
+        entered = true;
+        opened.notify_all();
+        opened.wait(lock, [&] { return open; });
+        return 0;
+    });
+    addWorker("DD");
+    PutScript("long.adj", "key hold 1\nkey after 1\ndelay end 1\n");
+    mode->Initialize();
+    ASSERT_TRUE(mode->Start());
+    {
+        std::unique_lock<std::mutex> lock(gate);
+        ASSERT_TRUE(opened.wait_for(lock, 5s, [&] { return entered; }));
+    }
+    EXPECT_TRUE(mode->IsActive());
+    EXPECT_EQ(OP_TYPE_SCRIPT, mode->GetOperationType());
+
+    auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
+    EXPECT_EQ(std::future_status::timeout, done.wait_for(100ms)) << "Finalize waits for the running command";
+    {
+        std::lock_guard<std::mutex> lock(gate);
+        open = true;
+    }
+    opened.notify_all();
+    ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
+    EXPECT_EQ(std::vector<std::string>{"UI: key hold 1"}, Calls());
+    EXPECT_FALSE(mode->IsActive());
+}
+
+TEST_F(ScriptRunTest, AdjustResultOfAScriptRunIsStoredButNotAnswered)
+{
+    IPModeWorker* ui = addWorker("UI");
+    addWorker("DD");
+    ASSERT_EQ(PM_RESULT_NONE, ui->GetAdjResult());
+    PutScript("result.adj", "key press 1\ndelay end 1\n");
+    ASSERT_TRUE(RunToEnd());
+
+    ui->SetAdjResult(PM_RESULT_PASS, true);
+    EXPECT_EQ(PM_RESULT_PASS, ui->GetAdjResult());
+    int stored = 0;
+    ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
+    EXPECT_EQ(PM_RESULT_PASS, stored);
+    EXPECT_EQ(static_cast<uint32_t>(PTP_TRANSFER_NONE), CPTPAdjInterface::GetInstance()->GetTransferDataType());
+
+    ui->SetAdjResult(PM_RESULT_FAIL, false);
+    ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
+    EXPECT_EQ(PM_RESULT_FAIL, stored);
+    EXPECT_EQ(PM_RESULT_FAIL, ui->GetAdjResult());
+}
+
+} // namespace
