@@ -4,7 +4,9 @@
 //   pmode-pc [OPTIONS] line WORDS...            one script line
 //   pmode-pc [OPTIONS] op CODE [P1 [P2 [P3 [P4]]]] [--payload FILE]
 //                                               one protocol operation; CODE is
-//                                               group << 16 | sub-code (0x10021001)
+//                                               group << 16 | sub-code (0x10021001);
+//                                               an argument "size" stands for the
+//                                               payload's byte count
 //   pmode-pc [OPTIONS] batch FILE               the requests of a batch file
 // Options: --root DIR (the device root; default $PMODE_ROOT), --timeout SEC (per
 // answer, default 10), --wait SEC (for pmode-sim to serve, default 10).
@@ -78,6 +80,7 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
 {
     request.isLine = false;
     size_t argCount = 0;
+    int sizeArg = -1; // the argument that stands for the payload's size
     for (size_t i = 0; i < words.size(); ++i) {
         std::string word = words[i];
         std::string payloadPath;
@@ -93,21 +96,31 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
             continue;
         }
         uint32_t value = 0;
+        if (word == "size") {
+            sizeArg = static_cast<int>(argCount);
+            ++argCount;
+            continue;
+        }
         if (!parseNumber(word, value)) {
             error = "not a number: " + word;
             return false;
         }
         if (i == 0) request.code = value;
-        else if (argCount < 4) request.args[argCount++] = value;
-        else {
+        else if (argCount >= 4) {
             error = "more than four arguments";
             return false;
         }
+        else request.args[argCount++] = value;
     }
     if (words.empty() || request.code == 0) {
         error = "an operation needs a code other than 0";
         return false;
     }
+    if (argCount > 4) {
+        error = "more than four arguments";
+        return false;
+    }
+    if (sizeArg >= 0) request.args[sizeArg] = static_cast<uint32_t>(request.payload.size());
     return true;
 }
 

@@ -108,7 +108,7 @@ bool prepareRoot(Options& options, std::string& error)
     options.root = fs::absolute(options.root).lexically_normal().string();
     if (!options.root.empty() && options.root.back() == '/') options.root.pop_back();
     fs::path card = fs::path(options.root) / "mnt/mmc";
-    for (const char* dir : {"mnt/mmc", "mnt/ubi1", "var/log", "var/run/memory/private", "tmp"})
+    for (const char* dir : {"mnt/mmc", "mnt/ubi1/log", "mnt/ubi1/pref", "adj", "var/log", "var/run/memory/private", "tmp"})
         fs::create_directories(fs::path(options.root) / dir, failure);
     if (!options.card.empty()) {
         if (!fs::is_directory(options.card)) {
