@@ -75,7 +75,11 @@ struct GotoLine {
 
 class Analysis {
 public:
-    Analysis(const GroupResolver& resolver, CheckResult& result) : m_resolver(resolver), m_result(result) {}
+    Analysis(const GroupResolver& resolver, bool probing, CheckResult& result)
+        : m_resolver(resolver), m_probing(probing),
+          m_unserved(probing ? "no worker group serves" : "no loaded worker serves"), m_result(result)
+    {
+    }
 
     void Run(const std::string& text)
     {
@@ -225,16 +229,19 @@ private:
         std::string group = m_resolver(command.szWorker, command.szParam[0]);
         std::string reserved = isKeyword(words[0]) ? " (a reserved word with no effect of its own)" : "";
         if (group.empty()) {
+            // Name the sub-command too where it chose the group (or may have chosen it).
+            bool routedBySubCommand = !m_probing || m_resolver(command.szWorker, "\x01") == "PENDING";
+            std::string what = routedBySubCommand ? std::string(command.szWorker) + " " + command.szParam[0] : command.szWorker;
             std::string hint;
             std::string asSubCommand = m_resolver("line_process", command.szWorker);
             if (!asSubCommand.empty() && asSubCommand != "PENDING")
                 hint = " ('" + std::string(command.szWorker) + "' is a sub-command: line_process " + command.szWorker + " ...?)";
             else if (words[0][0] == '#' || words[0][0] == ';' || words[0][0] == '/')
                 hint = " (comments start with //)";
-            error(n, "no worker group serves '" + std::string(command.szWorker) + "'" + reserved + hint +
+            error(n, m_unserved + " '" + what + "'" + reserved + hint +
                          ": the run passes it over");
         } else if (group == "PENDING") {
-            error(n, "no worker group serves '" + std::string(command.szWorker) + " " + command.szParam[0] +
+            error(n, m_unserved + " '" + std::string(command.szWorker) + " " + command.szParam[0] +
                          "': sub-command '" + command.szParam[0] + "' is in no group");
         }
     }
@@ -303,6 +310,8 @@ private:
     }
 
     const GroupResolver& m_resolver;
+    const bool m_probing;
+    const std::string m_unserved;
     CheckResult& m_result;
     std::vector<ScriptLine> m_lines;
     std::vector<int> m_commandLines;
@@ -337,12 +346,15 @@ int CheckResult::Warnings() const
     return static_cast<int>(findings.size()) - Errors();
 }
 
-ScriptChecker::ScriptChecker(GroupResolver resolver, int runBound) : m_resolver(std::move(resolver)), m_runBound(runBound) {}
+ScriptChecker::ScriptChecker(GroupResolver resolver, bool probing, int runBound)
+    : m_resolver(std::move(resolver)), m_probing(probing), m_runBound(runBound)
+{
+}
 
 CheckResult ScriptChecker::Check(const std::string& text, const std::string& scriptPath) const
 {
     CheckResult result;
-    Analysis analysis(m_resolver, result);
+    Analysis analysis(m_resolver, m_probing, result);
     analysis.Run(text);
     if (analysis.flowBroken()) {
         result.runEnd = "not resolved: fix the label and goto errors first";

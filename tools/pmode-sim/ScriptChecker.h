@@ -50,7 +50,9 @@ using GroupResolver = std::function<std::string(const char* name, const char* su
 
 class ScriptChecker {
 public:
-    explicit ScriptChecker(GroupResolver resolver, int runBound = 100);
+    /// probing: the registry holds a probe for every group (RegisterGroupProbes), so
+    /// an unserved command is in no group; otherwise it is served by no loaded worker.
+    ScriptChecker(GroupResolver resolver, bool probing, int runBound = 100);
 
     /// Checks the script text; scriptPath is where the camera's reader finds the
     /// same file (a device path under PMODE_ROOT, or a host path when PMODE_ROOT
@@ -63,6 +65,7 @@ public:
 
 private:
     GroupResolver m_resolver;
+    bool m_probing;
     int m_runBound;
 };
 

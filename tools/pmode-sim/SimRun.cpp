@@ -149,7 +149,7 @@ std::vector<std::string> preflight(const std::string& script)
     std::ifstream file(KernelPath(script.c_str()), std::ios::binary);
     std::stringstream text;
     text << file.rdbuf();
-    ScriptChecker checker(RegistryResolver(), 1);
+    ScriptChecker checker(RegistryResolver(), false, 1);
     CheckResult result = checker.Check(text.str(), script);
     std::vector<std::string> lines;
     for (const CheckFinding& finding : result.findings)

@@ -47,7 +47,7 @@ int runCheck(int argc, char** argv)
     // The script is a file of this machine: the reader opens it without the device-root mapping.
     unsetenv("PMODE_ROOT");
     RegisterGroupProbes();
-    ScriptChecker checker(RegistryResolver(), static_cast<int>(bound));
+    ScriptChecker checker(RegistryResolver(), true, static_cast<int>(bound));
     CheckResult result = checker.Check(text.str(), path);
     ScriptChecker::Print(result, path, !quiet, stdout);
     return result.Errors() > 0 ? 1 : 0;
