@@ -209,17 +209,19 @@ bool runRequest(HostLinkClient& client, const Request& request, int index, int t
     return asExpected;
 }
 
-int runBatch(HostLinkClient& client, const std::string& path, int timeoutMs)
+using Batch = std::vector<std::pair<int, Request>>; ///< requests with their line numbers
+
+/// Reads and checks a batch file before anything is sent; false (reported) on any error.
+bool loadBatch(const std::string& path, Batch& requests)
 {
     std::ifstream file(path);
     if (!file) {
         std::fprintf(stderr, "pmode-pc: cannot open the batch file %s\n", path.c_str());
-        return 2;
+        return false;
     }
     std::string baseDir = std::filesystem::path(path).parent_path().string();
-    std::vector<std::pair<int, Request>> requests;
     int lineNumber = 0;
-    bool bad = false;
+    bool good = true;
     for (std::string line; std::getline(file, line);) {
         ++lineNumber;
         if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -229,13 +231,16 @@ int runBatch(HostLinkClient& client, const std::string& path, int timeoutMs)
         std::string error;
         if (!parseRequest(line, baseDir, request, error)) {
             std::fprintf(stderr, "%s:%d: error: %s\n", path.c_str(), lineNumber, error.c_str());
-            bad = true;
+            good = false;
             continue;
         }
         requests.emplace_back(lineNumber, request);
     }
-    if (bad) return 2;
+    return good;
+}
 
+int runBatch(HostLinkClient& client, const std::string& path, const Batch& requests, int timeoutMs)
+{
     int passed = 0;
     std::vector<std::string> failures;
     auto start = std::chrono::steady_clock::now();
@@ -271,9 +276,11 @@ int main(int argc, char** argv)
 
     Request single;
     std::string batchPath;
+    Batch batch;
     if (command == "batch") {
         if (i + 1 != argc) return usage();
         batchPath = argv[i];
+        if (!loadBatch(batchPath, batch)) return 2;
     } else if (command == "line" || command == "op") {
         std::string text = command;
         for (; i < argc; ++i) text += std::string(" ") + argv[i];
@@ -296,6 +303,6 @@ int main(int argc, char** argv)
                      kernel_root()[0] != '\0' ? kernel_root() : "/");
         return 3;
     }
-    if (!batchPath.empty()) return runBatch(client, batchPath, timeoutMs);
+    if (!batchPath.empty()) return runBatch(client, batchPath, batch, timeoutMs);
     return runRequest(client, single, 1, timeoutMs) ? 0 : 1;
 }
