@@ -106,11 +106,13 @@ protected:
         kernel_sim_reset();
     }
 
-    /// Puts `content` into the body area of group 3 (length word included).
+    /// Puts `content` into the body area of group 3 (length word included), zero
+    /// bytes behind it.
     void SetBody(const std::string& content)
     {
+        const std::string withZeros = content + std::string(4096, '\0');
         ASSERT_EQ(4, pref_set_long(3, kBodyLength, static_cast<long>(content.size())));
-        ASSERT_EQ(static_cast<int>(content.size()), pref_set_bytes(3, kBodyData, content.data(), content.size()));
+        ASSERT_EQ(static_cast<int>(withZeros.size()), pref_set_bytes(3, kBodyData, withZeros.data(), withZeros.size()));
     }
 
     /// The body area as the preference store holds it (length word and bytes).
@@ -152,6 +154,7 @@ TEST_F(AdjustPreferenceTest, InsertAndRemoveChangeTheAreaAsTheModelSays)
          original.substr(0, 1500) + std::string(1025, '\0') + original.substr(1500)},
         {"insert at the end", true, 3000, 7, 0, original + std::string(7, '\0')},
         {"insert of nothing", true, 1234, 0, 0, original},
+        {"insert past the end grows by the size", true, 3010, 5, 0, original + std::string(5, '\0')},
         {"remove at 0", false, 0, 140, 0, original.substr(140)},
         {"remove in the middle", false, 1024, 1024, 0, original.substr(0, 1024) + original.substr(2048)},
         {"remove the last bytes", false, 2860, 140, 0, original.substr(0, 2860)},

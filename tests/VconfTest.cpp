@@ -236,26 +236,6 @@ TEST(VconfTest, SetsOfOtherProcessesArriveWholeAndInOrder)
     vconf_ignore_key_changed("seq", &Recorder::Callback);
 }
 
-TEST(VconfTest, ToolWatchesTheSetsOfThisProcessInOrder)
-{
-    TestRoot root;
-    const std::string out = root.Dir() + "/watch.txt";
-    FILE* watcher = popen((Tool() + " watch -n 4 k1 k2").c_str(), "r");
-    ASSERT_NE(nullptr, watcher);
-    char line[256];
-    ASSERT_NE(nullptr, std::fgets(line, sizeof line, watcher));
-    EXPECT_STREQ("watching\n", line);
-    vconf_set_int("k1", 1);
-    vconf_set_str("k2", "two words");
-    vconf_set_int("k3", 3);
-    vconf_set_int("k1", 1);
-    vconf_set_int("k2", 22);
-    std::string seen;
-    while (std::fgets(line, sizeof line, watcher) != nullptr) seen += line;
-    EXPECT_EQ(0, pclose(watcher));
-    EXPECT_EQ("k1=1\nk2=two words\nk1=1\nk2=22\n", seen);
-}
-
 TEST(VconfTest, AReaderNeverSeesHalfAValue)
 {
     TestRoot root;

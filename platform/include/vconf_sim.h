@@ -2,6 +2,17 @@
 // Controls of the simulated key-value store that the camera's store does not
 // have: fault switches for tests and a way to wait for pending notifications.
 // Every switch acts in the calling process only and may be set from any thread.
+//
+// How the simulation works: each key is one file below "/var/run/vconf/" (under
+// $PMODE_ROOT), replaced whole by rename(), so a reader sees the old or the new
+// value. Every set also appends one record (key, type, value) to the store's
+// journal "/var/run/vconf/.journal" while it holds the store's lock file, so the
+// journal lists the sets of all processes in the order they happened. A process
+// that subscribes runs one notification thread that wakes on inotify events of
+// the store directory (with a 50 ms poll as safety net), reads the journal
+// forward from where it stopped, and calls the subscribed callbacks one at a
+// time in journal order. A set by another process is thus never lost or
+// reordered. The journal only grows; it lives as long as the root directory.
 
 #include <stddef.h>
 

@@ -11,6 +11,10 @@
 // (IEEE 802.3, as zlib's crc32) covers the group and length words and the image,
 // so a file of another group, a cut file and a changed byte are all refused.
 // A file is accepted only when its length is exactly head + the group's size.
+//
+// pref_load with no NAND copy (a new device) puts the image to the defaults and
+// succeeds; a NAND copy that is refused fails the load and leaves the image, or,
+// at a group's first use, starts it from the defaults (reported to the system log).
 
 #include "pref.h"
 #include "pref_sim.h"

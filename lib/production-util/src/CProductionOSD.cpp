@@ -28,8 +28,8 @@ void CProductionOSD::Text(short, const char* format, ...)
     const size_t length = std::strlen(message);
     if (length > 0 && message[length - 1] == '\n') message[length - 1] = '\0';
     char shown[512];
-    std::snprintf(shown, sizeof shown, "%s%c", message, '\0');
-    // A display would show `shown` here; this build has none.
+    // A display would show `shown`; this build has none.
+    if (std::snprintf(shown, sizeof shown, "%s%c", message, '\0') < 0) return;
 }
 
 void CProductionOSD::OSDtouchScreenTest(unsigned short, unsigned short) {}
