@@ -13,3 +13,8 @@
 #include "CAdjustFile.h"
 #include "CAdjustPreference.h"
 #include "CAdjustDataManager.h"
+#include "AdjustDataList.h"
+#include "AdjustDataTypes.h"
+#include "CAdjustData.h"
+#include "CAdjustLogMachine.h"
+#include "LineDataList.h"
