@@ -1,5 +1,6 @@
 // Start-up of the adjust data manager on a store that matches the catalogue, and
-// GetData/SetData of a small item.
+// GetData/SetData of a small item. Every SetData appends to the adjust write log, which
+// flushes each entry to the medium, so its cost is mostly that flush.
 #include "AdjustDataList.h"
 #include "CAdjustDataManager.h"
 #include "pref.h"
@@ -22,7 +23,6 @@ public:
         char pattern[] = "/tmp/pmode-bench-XXXXXX";
         if (mkdtemp(pattern) != nullptr) m_dir = pattern;
         setenv("PMODE_ROOT", m_dir.c_str(), 1);
-        CAdjustDataManager::GetInstance()->SetMode(CAdjustDataManager::OP_MODE_NO_SNAPSHOT);
         CAdjustDataManager::GetInstance()->Initialize();
     }
     ~BenchRoot()
@@ -85,6 +85,10 @@ void BM_SetDataSmallItemDeferred(benchmark::State& state)
         ++value;
         benchmark::DoNotOptimize(manager->SetData(ADJUST_CIS_SN, &value, sizeof(value), false));
     }
+    // The pending value goes out with a synced write of another item, so that later
+    // benchmarks start from a store without pending data.
+    unsigned char mark = 0;
+    manager->SetData(ADJUST_CHECKSUM2, &mark, 1, true);
 }
 BENCHMARK(BM_SetDataSmallItemDeferred);
 

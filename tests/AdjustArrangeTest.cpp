@@ -187,6 +187,27 @@ TEST(AdjustArrangeTest, AllChangesAtOnceWithValuesWrittenBefore)
     EXPECT_EQ(kFreshBodyBytes, pref_get_long(kAdjustGroup, kBodyLengthAt));
 }
 
+TEST(AdjustArrangeTest, ArrangementLostToAFailedSaveIsPlannedAgainAtTheNextStart)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    std::vector<StoredItem> stored = CatalogueWithPatterns();
+    const std::vector<std::string> catalogueOrder = NamesOf(stored);
+    stored.insert(stored.begin() + 5, StoredItem{"ADJUST_RETIRED_TABLE", Bytes(24, 0xC5)});
+    stored[ADJUST_CIS_SN + 1].bytes = Bytes{7, 7};
+    WriteStore(stored);
+    pref_sim_forget_images();
+
+    // Power is lost before the re-laid group reaches NAND: the save fails.
+    pref_sim_fail_next(PREF_SIM_OP_SAVE, 1);
+    Manager()->Initialize();
+    Manager()->Finalize();
+    pref_sim_forget_images();
+    EXPECT_EQ(kFreshHeaderBytes + 140, pref_get_long(kAdjustGroup, kHeaderLengthAt)) << "NAND holds the old store";
+
+    StartTwiceAndCheck(stored, catalogueOrder);
+}
+
 TEST(AdjustArrangeTest, RowsThatCannotBePlacedAreReportedAndTheRestStillServes)
 {
     TestRoot root;

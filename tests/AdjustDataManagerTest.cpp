@@ -71,6 +71,10 @@ TEST(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndSurvivesRestart)
         Restart();
     }
     EXPECT_EQ(133u, ReadRecords().size());
+    const std::string writeLog = root.ReadFile("/mnt/ubi1/log/adj_log.inf");
+    EXPECT_NE(std::string::npos, writeLog.find("makeAdjustHeaderInfo(): start [sync] \n"));
+    EXPECT_NE(std::string::npos, writeLog.find("makeAdjustHeaderInfo(): sync done \n"));
+    EXPECT_NE(std::string::npos, root.ReadFile("/adj/AdjLog.txt").find("#New ADJUST_GYRO_DSP_THERM\n"));
 }
 
 TEST(AdjustDataManagerTest, RestartOnAMatchingStorePlansNothingAndWritesNothing)
@@ -96,6 +100,30 @@ TEST(AdjustDataManagerTest, RestartOnAMatchingStorePlansNothingAndWritesNothing)
     EXPECT_EQ(changeLog, root.ReadFile("/adj/AdjLog.txt"));
     EXPECT_EQ(writeLog, root.ReadFile("/mnt/ubi1/log/adj_log.inf"));
     EXPECT_EQ(Bytes({0x78, 0x56, 0x34, 0x12}), ItemBytes(ADJUST_CIS_SN));
+}
+
+TEST(AdjustDataManagerTest, WriteOnAFullNandIsLostWholeAndTheOldValueSurvives)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    Manager()->Initialize();
+    uint32_t serial = 1111;
+    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &serial, 4, true));
+
+    pref_sim_set_disk_full(1);
+    const unsigned long assertions = pm::AssertionCount();
+    serial = 2222;
+    Manager()->SetData(ADJUST_CIS_SN, &serial, 4, true);
+    EXPECT_EQ(assertions + 1, pm::AssertionCount()) << "the failed save is reported";
+    pref_sim_set_disk_full(0);
+
+    Restart();
+    EXPECT_EQ(Bytes({0x57, 0x04, 0, 0}), ItemBytes(ADJUST_CIS_SN)) << "1111 is still on NAND";
+    EXPECT_EQ("", LayoutProblem());
+    serial = 3333;
+    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &serial, 4, true));
+    Restart();
+    EXPECT_EQ(Bytes({0x05, 0x0D, 0, 0}), ItemBytes(ADJUST_CIS_SN));
 }
 
 TEST(AdjustDataManagerTest, LookupByIdAndNameAndOutOfRangeIds)
@@ -275,18 +303,20 @@ TEST(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce)
     EXPECT_EQ(DefaultBytes(ADJUST_CIS_SN), ItemBytes(ADJUST_CIS_SN));
 }
 
-TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
+TEST(AdjustDataManagerTest, BrokenLayoutIsRebuiltNotFollowed)
 {
     struct Case {
         const char* name;
         long headerLength;
         long bodyLength;
+        uint32_t record7Offset;
     };
     const Case cases[] = {
-        {"header past its capacity", 51340, 100},
-        {"negative body", 280, -4},
-        {"empty body under records", 280, 0},
-        {"body past its capacity", 280, 5242881},
+        {"header past its capacity", 51340, 100, 0},
+        {"negative body", 280, -4, 0},
+        {"empty body under records", 280, 0, 0},
+        {"body past its capacity", 280, 5242881, 0},
+        {"record past the body", kFreshHeaderBytes, kFreshBodyBytes, 0x7FFFFFF0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -296,6 +326,7 @@ TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
         WriteStore(CatalogueWithPatterns());
         pref_set_long(kAdjustGroup, kHeaderLengthAt, c.headerLength);
         pref_set_long(kAdjustGroup, kBodyLengthAt, c.bodyLength);
+        if (c.record7Offset != 0) pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * 7 + 128, &c.record7Offset, 4);
         pref_save(kAdjustGroup);
         pref_sim_forget_images();
         const unsigned long assertions = pm::AssertionCount();
@@ -306,22 +337,6 @@ TEST(AdjustDataManagerTest, BrokenAreaLengthsAreRebuiltNotFollowed)
         EXPECT_EQ("", LayoutProblem());
         EXPECT_EQ(DefaultBytes(ADJUST_CIS_CLAMP_LEVEL), ItemBytes(ADJUST_CIS_CLAMP_LEVEL));
     }
-}
-
-TEST(AdjustDataManagerTest, RecordPointingPastTheBodyIsNotFollowed)
-{
-    TestRoot root;
-    MakeDeviceDirs(root);
-    std::vector<StoredItem> items = CatalogueWithPatterns();
-    WriteStore(items);
-    uint32_t farOffset = 0x7FFFFFF0;
-    pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * 7 + 128, &farOffset, 4);
-    pref_save(kAdjustGroup);
-    pref_sim_forget_images();
-
-    Manager()->Initialize();
-    EXPECT_EQ("", LayoutProblem());
-    EXPECT_EQ(133u, ReadRecords().size());
 }
 
 TEST(AdjustDataManagerTest, CorruptMarkerStillLoadsTheItems)

@@ -494,7 +494,6 @@ int diff(const RawImage& a, const RawImage& b)
 CAdjustDataManager* startManager()
 {
     CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
-    manager->SetMode(CAdjustDataManager::OP_MODE_NO_SNAPSHOT);
     manager->Initialize();
     return manager;
 }
