@@ -508,9 +508,15 @@ TEST_F(HostLinkRunTest, ChannelThatCannotSubscribeIsReportedAndNoLoopRuns)
     vconf_sim_fail_next_notify(2);
     mode->Initialize();
     ASSERT_TRUE(mode->Start());
-    EndSession();
-    EXPECT_NE(std::string::npos, root.ReadFile("/var/log/dlog.log").find("PTP Mount Error"));
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    bool reported = false;
+    while (!reported && std::chrono::steady_clock::now() < deadline) {
+        reported = root.ReadFile("/var/log/dlog.log").find("PTP Mount Error") != std::string::npos;
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_TRUE(reported);
     EXPECT_EQ(OP_TYPE_NONE, mode->GetOperationType());
+    EndSession();
 }
 
 TEST_F(HostLinkRunTest, LineValue139StartsTheHostLinkWithoutInfoTgw)

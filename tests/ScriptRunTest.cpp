@@ -4,6 +4,7 @@
 #include "CAdjustDataManager.h"
 #include "PMReport.h"
 #include "TestRoot.h"
+#include "pref_sim.h"
 #include "vconf.h"
 
 #include <gtest/gtest.h>
@@ -310,6 +311,15 @@ TEST_F(ScriptRunTest, AdjustResultOfAScriptRunIsStoredButNotAnswered)
     ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
     EXPECT_EQ(PM_RESULT_FAIL, stored);
     EXPECT_EQ(PM_RESULT_FAIL, ui->GetAdjResult());
+
+    // Line data that cannot take the result: a failed check; the worker keeps it all the same.
+    pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
+    const unsigned long checks = pm::AssertionCount();
+    ui->SetAdjResult(PM_RESULT_PASS, true);
+    EXPECT_EQ(checks + 1, pm::AssertionCount());
+    EXPECT_EQ(PM_RESULT_PASS, ui->GetAdjResult());
+    ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
+    EXPECT_EQ(PM_RESULT_FAIL, stored);
 }
 
 } // namespace

@@ -4,9 +4,12 @@
 #include "CAdjustDataManager.h"
 #include "PMReport.h"
 #include "TestRoot.h"
+#include "kernel_sim.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -166,6 +169,53 @@ TEST_F(StartupChecksTest, ProductionStatusFollowsTheMarkersAndChangesNothing)
     LayOut({{"info.tg", "abc.adj"}, {"abc.adj", "x y\n"}});
     EXPECT_TRUE(mode->isProductionStatus());
     EXPECT_EQ(1, mode->CanPModeWorking());
+}
+
+/// Lays out a card in a fresh root, initialises the adjust data (which leaves the
+/// stores changed) and runs the checks. 1 when the snapshot-boot preparation ran,
+/// which the snapshot mode does at once on changed stores; 0 when it did not.
+int snapshotPreparedByChecks(const std::map<std::string, std::string>& files, int autoEnable)
+{
+    TestRoot root;
+    for (const auto& file : files) root.WriteFile("/mnt/mmc/" + file.first, file.second);
+    CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
+    adjust->Initialize();
+    adjust->SetData(139, &autoEnable, sizeof autoEnable, false);
+    CProductionMode::GetInstance()->CanPModeWorking();
+    const int count = kernel_sim_record_count();
+    for (int i = 0; i < count; ++i) {
+        char text[1024] = {};
+        if (kernel_sim_record(i, text, sizeof text) >= 0 && std::strstr(text, "dirty_adj") != nullptr) return 1;
+    }
+    return 0;
+}
+
+TEST(StartupChecksModeTest, ChecksSelectTheAdjustOperationMode)
+{
+    struct Case {
+        const char* name;
+        std::map<std::string, std::string> files;
+        int autoEnable;
+        bool snapshot;
+    } cases[] = {
+        {"script name without .dev", {{"info.tg", "abc.adj"}, {"abc.adj", "x y\n"}}, 0, true},
+        {"script name with .dev", {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", "x y\n"}}, 0, false},
+        {".dev name, keen_camera device",
+         {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", "x y\n"}, {"tk_dev.adj", "model keen_camera"}}, 0, true},
+        {".dev name, other device", {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", "x y\n"}, {"tk_dev.adj", "other"}}, 0,
+         false},
+        {"info.tgw with .dev", {{"info.tgw", "line.dev"}}, 0, false},
+        {"info.tgw without .dev", {{"info.tgw", "line"}}, 0, true},
+        {"empty info.tgw", {{"info.tgw", ""}}, 0, true},
+        {"line value 139 is 1", {}, 1, true},
+        {"nothing", {}, 0, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Each case in a process of its own: the preparation runs at most once per process.
+        EXPECT_EXIT(std::_Exit(snapshotPreparedByChecks(c.files, c.autoEnable)),
+                    ::testing::ExitedWithCode(c.snapshot ? 1 : 0), "");
+    }
 }
 
 } // namespace

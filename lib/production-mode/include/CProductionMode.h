@@ -35,8 +35,11 @@
 //  - "CMD FAIL: ..." goes to the operator display and, as a red trace, to the
 //    debug channel as well (the display of this build shows nothing).
 //  - The sleep of Finalize's wait is 10 ms.
-//  - Destroying the instance (process exit) without Finalize stops a running loop
-//    the same way before the owned objects are freed.
+//  - A process that exits without Finalize does not hang or crash: each mount of
+//    the host channel registers an exit handler (after the key-value store is set
+//    up, so the handler runs before the store is torn down) that stops a host link
+//    still open; the destructor asks a script run to stop, joins the thread and
+//    only then frees the owned objects.
 
 #include "FThread.h"
 
@@ -126,6 +129,7 @@ private:
     bool serveProtocolMessage(const _tPM_Command& current);
     void requestStop();
     static bool isStopRequested();
+    static void closeHostLinkAtExit();
     void releaseOwnedObjects();
 
     // Written by the controller thread only, read by any thread without a lock.

@@ -18,3 +18,4 @@
 #include "CAdjustData.h"
 #include "CAdjustLogMachine.h"
 #include "LineDataList.h"
+#include "CProductionCSV.h"

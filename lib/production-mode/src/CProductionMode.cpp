@@ -11,6 +11,7 @@
 #include "kernel.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <unistd.h>
@@ -102,14 +103,21 @@ CProductionMode::CProductionMode()
 
 CProductionMode::~CProductionMode()
 {
-    // A loop still running at process exit is stopped before its objects go away.
-    if (IsCreated()) {
-        requestStop();
-        if (pPTP != nullptr) pPTP->Unmount();
-        Destroy();
-    }
+    // A script run still going at process exit ends after its current command; a
+    // host link still open was closed by closeHostLinkAtExit before this runs.
+    requestStop();
+    Destroy();
     strScriptFile.clear();
     releaseOwnedObjects();
+}
+
+void CProductionMode::closeHostLinkAtExit()
+{
+    CProductionMode* mode = GetInstance();
+    if (!mode->IsCreated()) return;
+    mode->requestStop();
+    if (mode->pPTP != nullptr) mode->pPTP->Unmount();
+    mode->Destroy();
 }
 
 bool CProductionMode::IsActive() const
@@ -268,6 +276,9 @@ void CProductionMode::t_Main()
             pm::ErrorLog(__FILE__, "t_Main", kMountReportLine, "PTP Mount Error");
             return;
         }
+        // Registered after the mount, so it runs at process exit before the platform's
+        // key-value store (set up by the mount) is torn down.
+        std::atexit(&CProductionMode::closeHostLinkAtExit);
         // Finalize may have unmounted the channel before it was mounted here.
         if (isStopRequested()) {
             pPTP->Unmount();
