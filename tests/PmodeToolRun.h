@@ -30,10 +30,18 @@ inline std::string BinaryDir()
     return dir != nullptr ? dir : ".";
 }
 
+inline std::string ReadAll(const std::string& path);
+
+/// The source tree: $PM_SOURCE_DIR, else the one the build directory was made from.
 inline std::string SourceDir()
 {
-    const char* dir = std::getenv("PM_SOURCE_DIR");
-    return dir != nullptr ? dir : ".";
+    if (const char* dir = std::getenv("PM_SOURCE_DIR")) return dir;
+    std::string cache = ReadAll(BinaryDir() + "/CMakeCache.txt");
+    const std::string key = "CMAKE_HOME_DIRECTORY:INTERNAL=";
+    size_t at = cache.find(key);
+    if (at == std::string::npos) return ".";
+    at += key.size();
+    return cache.substr(at, cache.find('\n', at) - at);
 }
 
 inline std::string Sim()
