@@ -1,12 +1,16 @@
 // pmode-pc and pmode-sim in host-link mode: the factory PC drives the camera from
 // another process through the simulated key-value store; every request gets its
 // answer, decoded, and the batch summary says whether all went as expected.
+#include "CAdjustDataManager.h"
 #include "PmodeToolRun.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -123,6 +127,30 @@ TEST_F(PmodePcTest, BadRequestsAndNoCamera)
     EXPECT_NE(bad.output.find(batchFile + ":5: error: cannot read the payload file"), std::string::npos);
     EXPECT_EQ(Pc({"line"}).status, 2);
     EXPECT_EQ(Pc({"op", "12x"}).status, 2);
+}
+
+TEST_F(PmodePcTest, SlowAnswerTimesOutOnThePc)
+{
+    StartServer();
+    pmtool::Result slow =
+        pmtool::Run({pmtool::Pc(), "--root", root.Dir(), "--wait", "20", "--timeout", "0.3", "line", "delay", "1500", "ms"},
+                    root.Dir(), 60);
+    EXPECT_EQ(slow.status, 1);
+    EXPECT_NE(slow.output.find("-> no answer within 300 ms  [FAIL]"), std::string::npos) << slow.output;
+    // The camera finishes the command all the same and stops cleanly afterwards.
+    EXPECT_EQ(StopServer(), 0);
+    EXPECT_NE(pmtool::ReadAll(serverOutput).find("DD    delay 1500 ms"), std::string::npos);
+}
+
+TEST_F(PmodePcTest, LineValue139StartsTheHostLinkWithoutInfoTgw)
+{
+    int32_t one = 1;
+    ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &one, 4, true));
+    std::string card = root.Dir() + "/empty-card";
+    fs::create_directories(card);
+    pmtool::Result run = pmtool::Run({pmtool::Sim(), "--root", root.Dir(), "--card", card, "--serve-seconds", "1"}, root.Dir());
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("run PASSED (host-link mode, served 1 s)"), std::string::npos) << run.output;
 }
 
 TEST_F(PmodePcTest, ServerEndsByItselfAfterItsServingTime)

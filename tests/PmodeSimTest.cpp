@@ -178,6 +178,38 @@ TEST_F(PmodeSimTest, OnlyTheLoadedPluginsServeAndTheRestIsReported)
     EXPECT_NE(run.output.find("4 commands run, 4 passed, 0 failed"), std::string::npos) << run.output;
 }
 
+TEST_F(PmodeSimTest, ResumeStepOptionAndWifiCertificationCard)
+{
+    pmtool::Result fromStep3 = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--step", "3"});
+    EXPECT_EQ(fromStep3.status, 0) << fromStep3.output;
+    EXPECT_NE(fromStep3.output.find("from step 3 (label ADJ_03)"), std::string::npos) << fromStep3.output;
+    EXPECT_NE(fromStep3.output.find("[  1] CAP   line_process awb high 6500"), std::string::npos) << fromStep3.output;
+
+    // A script of at most 64 bytes holding "adj_wifi certification" is a Wi-Fi certification run.
+    std::string card = root.Dir() + "/wifi-card";
+    fs::create_directories(card);
+    pmtool::WriteAll(card + "/info.tg", "wifi.adj");
+    pmtool::WriteAll(card + "/wifi.adj", "adj_wifi certification 1\n");
+    fs::remove_all(root.Host("/mnt/mmc"));
+    pmtool::Result wifi = RunSim({"--card", card});
+    EXPECT_EQ(wifi.status, 0) << wifi.output;
+    EXPECT_NE(wifi.output.find("script mode: /mnt/mmc/wifi.adj (Wi-Fi certification)"), std::string::npos) << wifi.output;
+    EXPECT_NE(wifi.output.find("WIFI  adj_wifi certification 1"), std::string::npos);
+}
+
+TEST_F(PmodeSimTest, ReportEscapesWhatTheScriptWrites)
+{
+    std::string card = root.Dir() + "/card";
+    fs::create_directories(card);
+    pmtool::WriteAll(card + "/info.tg", "odd.adj");
+    pmtool::WriteAll(card + "/odd.adj", "label ADJ_00\nkey check a\"b\\c\tfail\n");
+    pmtool::Result run = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
+    EXPECT_EQ(run.status, 1) << run.output;
+    std::string json = Json();
+    EXPECT_NE(json.find("\"command\": \"key check a\\\"b\\\\c fail\""), std::string::npos) << json;
+    EXPECT_NE(json.find("failure provoked by the script (parameter \\\"fail\\\")"), std::string::npos) << json;
+}
+
 TEST_F(PmodeSimTest, BadUsageAndSetUpAreRefused)
 {
     EXPECT_EQ(RunSim({"--frobnicate"}).status, 2);

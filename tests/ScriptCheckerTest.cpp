@@ -76,6 +76,10 @@ TEST_F(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndNamed)
          "script:2: warning: goto right after a label line", 0},
         {"more than eleven words", "key check 1 2 3 4 5 6 7 8 9 10 11\n", "script:1: warning: 13 words", 0},
         {"comment word of another kind", "#note check 1\n", "(comments start with //)", 1},
+        {"line over 509 bytes", "key check " + std::string(520, 'x').replace(40, 1, " ") + "\n",
+         "script:1: warning: line of 530 bytes: the reader sees only the first 509", 1},
+        {"NUL byte", std::string("key check a\nkey check b\0key check c\n", 36),
+         "script:2: warning: NUL byte in the text: the reader sees nothing after it", 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -87,6 +91,9 @@ TEST_F(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndNamed)
 
 TEST_F(ScriptCheckerTest, CleanScriptsPassAndCommentsBlankLinesAndCrLfAreNoFindings)
 {
+    pmtool::Result longest = Check("menu_setup check " + std::string(49, 'w') + "\n");
+    EXPECT_EQ(longest.status, 0) << "a word of 49 bytes is whole\n" << longest.output;
+
     pmtool::Result result = Check("// comment\r\n\r\n   \r\n/x//y also a comment\r\nlabel ADJ_00\r\nkey check menu\r\n");
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_NE(result.output.find("script: 0 errors, 0 warnings, 1 command in the resolved run"), std::string::npos)

@@ -34,6 +34,17 @@ std::string jsonString(const std::string& text)
     return out + "\"";
 }
 
+/// A command the host-link loop derived from a protocol operation: numeric
+/// arguments or a payload, or one of the sub-commands the loop puts in.
+bool isProtocolOperation(const _tPM_Command& command)
+{
+    static const char* const kSubCommands[] = {"shutter_speed2", "cis_data2", "cis_data_info", "rtc2", "paf2"};
+    if (command.pData != nullptr || command.nArg[0] || command.nArg[1] || command.nArg[2] || command.nArg[3]) return true;
+    for (const char* sub : kSubCommands)
+        if (std::strcmp(command.szParam[0], sub) == 0) return true;
+    return false;
+}
+
 std::string commandText(const _tPM_Command& command)
 {
     std::string text = command.szWorker;
@@ -73,7 +84,7 @@ void RunLog::Begin(const std::string& group, const _tPM_Command& command)
     m_current.index = static_cast<int>(m_records.size()) + 1;
     m_current.group = group;
     m_current.text = commandText(command);
-    m_current.protocol = command.pData != nullptr || command.nArg[0] || command.nArg[1] || command.nArg[2] || command.nArg[3];
+    m_current.protocol = isProtocolOperation(command);
     std::memcpy(m_current.args, command.nArg, sizeof m_current.args);
     m_running = true;
 }

@@ -20,7 +20,7 @@ int DemoWorker::Execute(_tPM_Command* command)
     for (int i = 0; i < command->nParamCount; ++i)
         if (std::strcmp(command->szParam[i], "fail") == 0) m_provoked = true;
     int result = Run(*command);
-    if (m_provoked && result >= 0) {
+    if (m_provoked) {
         PmodeSimNote("failure provoked by the script (parameter \"fail\")");
         result = -1;
     }
