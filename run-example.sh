@@ -24,13 +24,16 @@ echo "== checking the card's production script"
 "$sim" check --quiet examples/card/production.adj
 
 if [ "${1:-}" = "--host-link" ]; then
-  echo "== pmode-sim serving the factory PC, pmode-pc sending examples/pc/session.batch"
-  "$sim" --root "$root" --card examples/card --host-link --serve-seconds 60 --json "$root/report.json" &
+  echo "== pmode-sim serving the factory PC; pmode-pc sending examples/pc/session.batch"
+  "$sim" --root "$root" --card examples/card --host-link --serve-seconds 60 --json "$root/report.json" \
+    >"$root/camera.log" 2>&1 &
   sim_pid=$!
   status=0
   "$pc" --root "$root" batch examples/pc/session.batch || status=$?
   kill -INT "$sim_pid" 2>/dev/null || true
   wait "$sim_pid" || true
+  echo "== the camera's side (the session provokes one failure on purpose)"
+  cat "$root/camera.log"
   echo "report: $root/report.json"
   exit "$status"
 fi
