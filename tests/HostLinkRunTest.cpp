@@ -2,6 +2,7 @@
 // factory PC's side drives them: requests written to the request keys, answers
 // read from the response keys.
 #include "ProductionMode.h"
+#include "ControllerTestKit.h"
 #include "CAdjustDataManager.h"
 #include "CProductionCSV.h"
 #include "PMReport.h"
@@ -40,53 +41,7 @@ constexpr const char* kStream = "memory/private/pmode_stream";
 constexpr const char* kFile = "memory/private/pmode_file";
 constexpr const char* kPayload = "/var/run/memory/private/pmode_shutter_data";
 
-std::mutex g_mutex;
-std::vector<std::string> g_calls;
-std::vector<std::string> g_traces;
-
-void recordTrace(const char* text)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_traces.emplace_back(text);
-}
-
-/// What a worker received: "name p0 p1 ... | nArg0 nArg1 nArg2 nArg3 | data".
-std::string describe(const _tPM_Command& command)
-{
-    std::string text = command.szWorker;
-    for (int i = 0; i < command.nParamCount; ++i) text += std::string(" ") + command.szParam[i];
-    if (command.nArg[0] || command.nArg[1] || command.nArg[2] || command.nArg[3] || command.pData) {
-        text += " |";
-        for (uint32_t arg : command.nArg) text += " " + std::to_string(arg);
-        if (command.pData != nullptr) text += " | " + std::string(command.pData, 7);
-    }
-    return text;
-}
-
-class TestWorker : public IPModeWorker {
-public:
-    using Action = std::function<int(_tPM_Command*)>;
-    explicit TestWorker(const char* group, Action action = nullptr) : action(std::move(action)) { pszName = group; }
-
-    int Execute(_tPM_Command* command) override
-    {
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_calls.push_back(std::string(pszName) + ": " + describe(*command));
-        }
-        return action ? action(command) : 0;
-    }
-
-private:
-    Action action;
-};
-
-IPModeWorker* addWorker(const char* group, TestWorker::Action action = nullptr)
-{
-    auto* worker = new TestWorker(group, std::move(action));
-    CWorkerFactory::GetInstance()->AddWorker(worker);
-    return worker;
-}
+using namespace controller_test;
 
 /// One answer of the camera: the key written last for a request and its value.
 struct Answer {
@@ -175,12 +130,7 @@ class HostLinkRunTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_calls.clear();
-            g_traces.clear();
-        }
-        pm::SetTraceSink(&recordTrace);
+        startLog();
         mode = CProductionMode::GetInstance();
         root.WriteFile("/mnt/mmc/info.tgw", "factory");
     }
@@ -209,22 +159,6 @@ protected:
         auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
         ASSERT_EQ(std::future_status::ready, done.wait_for(5s)) << "Finalize did not return";
         EXPECT_FALSE(mode->IsActive());
-    }
-
-    std::vector<std::string> TakeCalls()
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        std::vector<std::string> calls;
-        calls.swap(g_calls);
-        return calls;
-    }
-
-    bool Traced(const std::string& part)
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        for (const auto& trace : g_traces)
-            if (trace.find(part) != std::string::npos) return true;
-        return false;
     }
 
     TestRoot root;
@@ -275,15 +209,15 @@ TEST_F(HostLinkRunTest, ScriptLinesAreAnsweredWithTheDefaultOrTheWorkersOwnAnswe
         const Answer answer = pc.SendLine(c.line);
         ASSERT_EQ(c.key, answer.key);
         EXPECT_EQ(c.answer, answer.key == kParam1 ? FactoryPC::Respond() : answer.value);
-        const std::vector<std::string> calls = TakeCalls();
+        const std::vector<std::string> calls = takeCalls();
         if (c.call[0] != '\0') {
             EXPECT_EQ(std::vector<std::string>{c.call}, calls);
         } else {
             EXPECT_TRUE(calls.empty());
         }
     }
-    EXPECT_TRUE(Traced("CMD FAIL: key, fail, 2"));
-    EXPECT_TRUE(Traced("Worker None: no_such_command, x, 1"));
+    EXPECT_TRUE(traced("CMD FAIL: key, fail, 2"));
+    EXPECT_TRUE(traced("Worker None: no_such_command, x, 1"));
     EXPECT_EQ((std::vector<int>{OP_TYPE_PTP, OP_TYPE_PTP}), typesSeen);
     EXPECT_TRUE(mode->IsActive());
     EndSession();
@@ -307,7 +241,7 @@ TEST_F(HostLinkRunTest, ProtocolOperationsRunOnTheWorkerOfTheLastScriptLine)
     ASSERT_EQ(kParam1, pc.SendProtocol(0x10030000, 1, 2).key);
     EXPECT_EQ("10000002,1,0", FactoryPC::Respond());
     EXPECT_EQ(checksBefore + 1, pm::AssertionCount());
-    EXPECT_TRUE(TakeCalls().empty());
+    EXPECT_TRUE(takeCalls().empty());
 
     root.WriteFile(kPayload, "PAYLOAD-BYTES");
     struct Case {
@@ -344,12 +278,12 @@ TEST_F(HostLinkRunTest, ProtocolOperationsRunOnTheWorkerOfTheLastScriptLine)
         // The script line that chooses the worker; its own answer is the default.
         ASSERT_EQ(kParam1, pc.SendLine(c.line).key);
         ASSERT_EQ("10000000,0,0", FactoryPC::Respond());
-        TakeCalls();
+        takeCalls();
         failNext = c.fail;
         ASSERT_EQ(kParam1, pc.SendProtocol(c.code, c.p1, c.p2, c.p3, c.p4).key);
         // Nothing prepared: the channel resends the values still held (the script line's answer).
         EXPECT_EQ(c.respond.empty() ? "10000000,0,0" : c.respond, FactoryPC::Respond());
-        const std::vector<std::string> calls = TakeCalls();
+        const std::vector<std::string> calls = takeCalls();
         if (c.call.empty()) {
             EXPECT_TRUE(calls.empty());
         } else {
@@ -357,7 +291,7 @@ TEST_F(HostLinkRunTest, ProtocolOperationsRunOnTheWorkerOfTheLastScriptLine)
         }
         failNext = false;
     }
-    EXPECT_TRUE(Traced("Worker None: line_process, paf, 1"));
+    EXPECT_TRUE(traced("Worker None: line_process, paf, 1"));
     EndSession();
 }
 
@@ -404,21 +338,21 @@ TEST_F(HostLinkRunTest, RecordingWritesLinesToTheCardInsteadOfRunningThem)
     ASSERT_EQ(kParam1, pc.SendLine("data create_file on record.txt").key);
     EXPECT_EQ("10000000,0,0", FactoryPC::Respond());
     EXPECT_TRUE(mode->IsCreatingFile());
-    TakeCalls();
+    takeCalls();
 
     for (const char* line : {"adj_result 1 2", "lens init 1", "shutter_log a", "sys_14 b"}) {
         SCOPED_TRACE(line);
         ASSERT_EQ(kParam1, pc.SendLine(line).key);
         EXPECT_EQ("10000000,0,0", FactoryPC::Respond());
     }
-    EXPECT_TRUE(TakeCalls().empty()) << "recorded lines are not run";
+    EXPECT_TRUE(takeCalls().empty()) << "recorded lines are not run";
     EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n",
               root.ReadFile("/mnt/mmc/record.txt"));
 
     // The line that ends recording is run, not recorded; later lines run again.
     ASSERT_EQ(kParam1, pc.SendLine("data create_file off").key);
     ASSERT_EQ(kParam1, pc.SendLine("lens init 2").key);
-    EXPECT_EQ((std::vector<std::string>{"DD: data create_file off", "LENS: lens init 2"}), TakeCalls());
+    EXPECT_EQ((std::vector<std::string>{"DD: data create_file off", "LENS: lens init 2"}), takeCalls());
     EXPECT_FALSE(mode->IsCreatingFile());
     EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n",
               root.ReadFile("/mnt/mmc/record.txt"));
@@ -447,7 +381,7 @@ TEST_F(HostLinkRunTest, RecordFileThatCannotBeWrittenIsAnsweredAsAFailure)
         ASSERT_EQ(kParam1, pc.SendLine("adj_result 1 2").key);
         EXPECT_EQ("10000002,1,0", FactoryPC::Respond());
         if (std::string(name) == "folder") {
-            EXPECT_TRUE(Traced("File Open ERROR"));
+            EXPECT_TRUE(traced("File Open ERROR"));
             EXPECT_EQ(checksBefore + 1, pm::AssertionCount());
         }
         ASSERT_EQ(kParam1, pc.SendLine("data create_file off").key);
@@ -487,7 +421,7 @@ TEST_F(HostLinkRunTest, FinalizeEndsALoopWaitingForItsFirstMessage)
     // After Finalize the channel no longer listens.
     vconf_set_str(kScriptKey, "lens init 1");
     EXPECT_EQ(0, vconf_sim_wait_idle(2000));
-    EXPECT_TRUE(TakeCalls().empty());
+    EXPECT_TRUE(takeCalls().empty());
 }
 
 TEST_F(HostLinkRunTest, FinalizeRightAfterStartNeverHangs)
@@ -528,7 +462,7 @@ TEST_F(HostLinkRunTest, LineValue139StartsTheHostLinkWithoutInfoTgw)
     StartSession();
     ASSERT_EQ(kParam1, pc.SendLine("lens init 1").key);
     EXPECT_EQ("10000000,0,0", FactoryPC::Respond());
-    EXPECT_EQ(std::vector<std::string>{"LENS: lens init 1"}, TakeCalls());
+    EXPECT_EQ(std::vector<std::string>{"LENS: lens init 1"}, takeCalls());
     EndSession();
 }
 

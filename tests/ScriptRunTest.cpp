@@ -1,6 +1,7 @@
 // Script-mode runs from a simulated memory card, driven through the public API
 // as the host application drives them: Initialize, Start, Finalize.
 #include "ProductionMode.h"
+#include "ControllerTestKit.h"
 #include "CAdjustDataManager.h"
 #include "PMReport.h"
 #include "TestRoot.h"
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -23,62 +25,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::mutex g_mutex;
-std::condition_variable g_changed;
-std::vector<std::string> g_calls;  // "<worker>: name p0 p1 ..." in the order of Execute
-std::vector<std::string> g_traces;
-
-void recordTrace(const char* text)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_traces.emplace_back(text);
-}
-
-std::string describe(const _tPM_Command& command)
-{
-    std::string text = command.szWorker;
-    for (int i = 0; i < command.nParamCount; ++i) text += std::string(" ") + command.szParam[i];
-    return text;
-}
-
-/// A worker registered under a group name; logs every command it gets and
-/// answers with its action's result (0 without an action).
-class TestWorker : public IPModeWorker {
-public:
-    using Action = std::function<int(_tPM_Command*)>;
-    explicit TestWorker(const char* group, Action action = nullptr) : action(std::move(action)) { pszName = group; }
-
-    int Execute(_tPM_Command* command) override
-    {
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_calls.push_back(std::string(pszName) + ": " + describe(*command));
-        }
-        g_changed.notify_all();
-        return action ? action(command) : 0;
-    }
-
-private:
-    Action action;
-};
-
-TestWorker* addWorker(const char* group, TestWorker::Action action = nullptr)
-{
-    auto* worker = new TestWorker(group, std::move(action));
-    CWorkerFactory::GetInstance()->AddWorker(worker);
-    return worker;
-}
+using namespace controller_test;
 
 class ScriptRunTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_calls.clear();
-            g_traces.clear();
-        }
-        pm::SetTraceSink(&recordTrace);
+        startLog();
         mode = CProductionMode::GetInstance();
     }
     void TearDown() override { pm::SetTraceSink(nullptr); }
@@ -114,26 +67,8 @@ protected:
     /// run is over when it was called, or when CMD FAIL was traced.
     bool bodyFinished()
     {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        for (const auto& call : g_calls)
-            if (call == "DD: delay end 1") return true;
-        for (const auto& trace : g_traces)
-            if (trace.find("CMD FAIL") != std::string::npos) return true;
-        return false;
-    }
-
-    std::vector<std::string> Calls()
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        return g_calls;
-    }
-
-    bool Traced(const std::string& part)
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        for (const auto& trace : g_traces)
-            if (trace.find(part) != std::string::npos) return true;
-        return false;
+        const std::vector<std::string> made = calls();
+        return std::find(made.begin(), made.end(), "DD: delay end 1") != made.end() || traced("CMD FAIL");
     }
 
     TestRoot root;
@@ -169,10 +104,10 @@ TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderWithGotoLoopsAndUnknownCom
         "CAP: shutter speed 1 2", "CAP: line_process strobe flash_write",
         "UI: key press 1",        "DD: delay end 1",
     };
-    EXPECT_EQ(expected, Calls());
+    EXPECT_EQ(expected, calls());
     EXPECT_EQ(std::vector<int>{OP_TYPE_SCRIPT}, typesSeen) << "IsActive during the run";
     EXPECT_FALSE(mode->IsActive());
-    EXPECT_FALSE(Traced("CMD FAIL"));
+    EXPECT_FALSE(traced("CMD FAIL"));
     // The script ran, so the host channel was never subscribed.
     EXPECT_EQ(nullptr, vconf_get_str("memory/private/pmode"));
 }
@@ -184,8 +119,8 @@ TEST_F(ScriptRunTest, AFailingCommandStopsTheRunAndShowsCmdFail)
     PutScript("fail.adj", "key press 1\nkey press 2\nkey press 3\ndelay end 1\n");
     ASSERT_TRUE(RunToEnd());
 
-    EXPECT_EQ((std::vector<std::string>{"UI: key press 1", "UI: key press 2"}), Calls());
-    EXPECT_TRUE(Traced("CMD FAIL: key, press, 2"));
+    EXPECT_EQ((std::vector<std::string>{"UI: key press 1", "UI: key press 2"}), calls());
+    EXPECT_TRUE(traced("CMD FAIL: key, press, 2"));
     EXPECT_FALSE(mode->IsActive());
 }
 
@@ -210,15 +145,12 @@ TEST_F(ScriptRunTest, ResumesAtTheLabelOfTheRecordedStep)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE("step " + std::to_string(c.step));
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_calls.clear();
-        }
+        takeCalls();
         int step = c.step;
         ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(135, &step, sizeof step, true));
         PutScript("resume.adj", script);
         ASSERT_TRUE(RunToEnd());
-        EXPECT_EQ(c.calls, Calls());
+        EXPECT_EQ(c.calls, calls());
     }
 }
 
@@ -232,7 +164,7 @@ TEST_F(ScriptRunTest, DefaultScriptRunsInsteadOfTheNamedOne)
     // Host-link mode is enabled as well: the script wins.
     root.WriteFile("/mnt/mmc/info.tgw", "");
     ASSERT_TRUE(RunToEnd());
-    EXPECT_EQ((std::vector<std::string>{"UI: key default 1", "DD: delay end 1"}), Calls());
+    EXPECT_EQ((std::vector<std::string>{"UI: key default 1", "DD: delay end 1"}), calls());
     EXPECT_EQ(nullptr, vconf_get_str("memory/private/pmode"));
 }
 
@@ -251,7 +183,7 @@ TEST_F(ScriptRunTest, EmptyScriptsAndParameterlessCommandsEndTheRunWithoutCallin
         std::this_thread::sleep_for(300ms);
         auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
         ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
-        EXPECT_TRUE(Calls().empty());
+        EXPECT_TRUE(calls().empty());
         EXPECT_FALSE(mode->IsActive());
     }
 }
@@ -288,7 +220,7 @@ TEST_F(ScriptRunTest, FinalizeDuringARunLetsTheRunningCommandFinishAndRunsNoOthe
     }
     opened.notify_all();
     ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
-    EXPECT_EQ(std::vector<std::string>{"UI: key hold 1"}, Calls());
+    EXPECT_EQ(std::vector<std::string>{"UI: key hold 1"}, calls());
     EXPECT_FALSE(mode->IsActive());
 }
 

@@ -1,9 +1,11 @@
 #include "IPModeWorker.h"
 
+#include "CAdjustDataManager.h"
 #include "CEventFlag.h"
 #include "CPTPAdjInterface.h"
 #include "CProductionMode.h"
 #include "CWorkerFactory.h"
+#include "PMReport.h"
 
 #include <new>
 
@@ -13,6 +15,7 @@ constexpr unsigned long kStopBits = 0xF0000000UL;
 constexpr unsigned long kFinalizeBit = 0x80000000UL;
 
 constexpr unsigned long kRespondAdjust = 0x10000002UL;
+constexpr int kLineAdjResult = 137; // line value: the adjust result of the current step
 
 } // namespace
 
@@ -60,8 +63,11 @@ void IPModeWorker::Resume(unsigned long bits)
 void IPModeWorker::SetAdjResult(EPMResult result, bool respond)
 {
     eAdjResult = result;
-    // The result also belongs in line-data item 137 of the adjust data; that write
-    // joins here once the adjust data manager is part of the library.
+    // Kept in the line data too, so the result outlives the run. Line data that
+    // cannot take it is a failed check: the worker keeps the result, no answer for
+    // the PC is prepared.
+    EPMResult stored = result;
+    PM_CHECK(CAdjustDataManager::GetInstance()->SetData(kLineAdjResult, &stored, sizeof stored, false));
     if (CProductionMode::GetInstance()->GetOperationType() == OP_TYPE_PTP && respond) {
         CPTPAdjInterface::GetInstance()->SetRespond(kRespondAdjust, result == PM_RESULT_PASS ? 0 : 1, 0);
     }
