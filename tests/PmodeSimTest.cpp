@@ -1,0 +1,226 @@
+// pmode-sim, the simulated camera body: runs the card as the camera does, shows
+// and reports every command, and its exit status says whether the run passed.
+// The calibration it stores must be on the simulated NAND afterwards.
+#include "AdjustDataList.h"
+#include "CAdjustDataManager.h"
+#include "PmodeToolRun.h"
+#include "TestRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kLineFinishedStep = 134;
+constexpr int kLineNextStep = 135;
+
+class PmodeSimTest : public ::testing::Test {
+protected:
+    /// A copy of the example card in the test's directory, for changing it.
+    std::string CopyExampleCard(const std::string& name = "card")
+    {
+        std::string card = root.Dir() + "/" + name;
+        fs::create_directories(card);
+        fs::copy(pmtool::SourceDir() + "/examples/card", card, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+        return card;
+    }
+
+    static void ReplaceInFile(const std::string& path, const std::string& from, const std::string& to)
+    {
+        std::string text = pmtool::ReadAll(path);
+        size_t at = text.find(from);
+        ASSERT_NE(at, std::string::npos) << from;
+        text.replace(at, from.size(), to);
+        pmtool::WriteAll(path, text);
+    }
+
+    pmtool::Result RunSim(std::vector<std::string> options, double seconds = 60)
+    {
+        std::vector<std::string> args = {pmtool::Sim(), "--root", root.Dir()};
+        args.insert(args.end(), options.begin(), options.end());
+        return pmtool::Run(args, root.Dir(), seconds);
+    }
+
+    std::string Json() const { return pmtool::ReadAll(root.Dir() + "/report.json"); }
+
+    TestRoot root; // also PMODE_ROOT of this process, for reading the NAND afterwards
+};
+
+TEST_F(PmodeSimTest, ExampleCardRunsToAPassAndItsCalibrationIsOnTheNand)
+{
+    pmtool::Result run = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--json", root.Dir() + "/report.json"});
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("script mode: /mnt/mmc/production.adj, from step 0 (label ADJ_00)"), std::string::npos);
+    EXPECT_NE(run.output.find("run PASSED (script mode, end of the script): 32 commands run, 32 passed, 0 failed"),
+              std::string::npos)
+        << run.output;
+    EXPECT_EQ(pmtool::CountLines(run.output, " PASS "), 32);
+    EXPECT_EQ(pmtool::CountLines(run.output, "CAP   shutter measure 1/4000"), 3);
+    EXPECT_EQ(pmtool::CountLines(run.output, "pre-flight:"), 0);
+
+    std::string json = Json();
+    EXPECT_NE(json.find("\"passed\": true"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"commands_run\": 32"), std::string::npos);
+    EXPECT_NE(json.find("\"failing_command\": null"), std::string::npos);
+    EXPECT_NE(json.find("{\"index\": 32, \"worker\": \"ETC\", \"command\": \"line_process final_check all\""),
+              std::string::npos);
+
+    // Result tables on the card: the three shutter passes, each with the sensor's serial number.
+    std::string shutter = root.ReadFile("/mnt/mmc/shutter_result.csv");
+    EXPECT_EQ(shutter.rfind("Index,CIS S/N,SPEED,PASS,NOMINAL_US,MEASURED_US,DEVIATION_PCT\r\n", 0), 0u) << shutter;
+    EXPECT_EQ(pmtool::CountLines(shutter, ",40718833,1/4000,"), 3) << shutter;
+
+    // The calibration survives the process: read it back from the simulated NAND.
+    CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
+    adjust->Initialize();
+    for (int mark : {ADJUST_SHUTTER_PROCESS_MARK, ADJUST_AWB_H_PROCESS_MARK, ADJUST_INTERNAL_STROBE_PROCESS_MARK,
+                     ADJUST_LENS_MOUNT_PROCESS_MARK, ADJUST_TOUCH_PROCESS_MARK, ADJUST_MAIN_FUNCTION_PROCESS_MARK}) {
+        unsigned char value = 0;
+        EXPECT_TRUE(adjust->GetData(mark, &value, 1));
+        EXPECT_EQ(value, '&') << get_adjust_data_id_name(static_cast<_AdjustDataID>(mark));
+    }
+    uint32_t serial = 0;
+    uint16_t country = 0, redGain = 0;
+    EXPECT_TRUE(adjust->GetData(ADJUST_CIS_SN, &serial, 4));
+    EXPECT_TRUE(adjust->GetData(ADJUST_SHIPMENT_COUNTRY, &country, 2));
+    EXPECT_TRUE(adjust->GetData(ADJUST_AWB_HIGH_TEMP_RGAIN, &redGain, 2));
+    EXPECT_EQ(serial, 40718833u);
+    EXPECT_EQ(country, 2);
+    EXPECT_GT(redGain, 1024);
+    int32_t next = -1, finished = -1;
+    EXPECT_TRUE(adjust->GetData(kLineNextStep, &next, 4));
+    EXPECT_TRUE(adjust->GetData(kLineFinishedStep, &finished, 4));
+    EXPECT_EQ(next, 0) << "a finished unit starts again at step 0";
+    EXPECT_EQ(finished, 3);
+}
+
+TEST_F(PmodeSimTest, ProvokedFailureEndsTheRunAndTheNextRunResumesAtItsStep)
+{
+    std::string card = CopyExampleCard();
+    ReplaceInFile(card + "/production.adj", "shutter adjust 1/4000\n", "shutter adjust 1/4000 fail\n");
+    pmtool::Result failed = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
+    EXPECT_EQ(failed.status, 1) << failed.output;
+    EXPECT_NE(failed.output.find("run FAILED (script mode, stopped at a failing command): 17 commands run, 16 passed, 1 failed"),
+              std::string::npos)
+        << failed.output;
+    EXPECT_NE(failed.output.find("failing command: [17] CAP shutter adjust 1/4000 fail (result -1)"), std::string::npos);
+    EXPECT_EQ(pmtool::CountLines(failed.output, "[ 18]"), 0) << "nothing runs after the failing command";
+    std::string json = Json();
+    EXPECT_NE(json.find("\"passed\": false"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"exit_status\": 1"), std::string::npos);
+    EXPECT_NE(json.find("\"failing_command\": {\"index\": 17, \"worker\": \"CAP\", \"command\": \"shutter adjust 1/4000 fail\""),
+              std::string::npos)
+        << json;
+
+    // The operator fixes the unit; the run starts again at the recorded step 2.
+    ReplaceInFile(card + "/production.adj", "shutter adjust 1/4000 fail\n", "shutter adjust 1/4000\n");
+    pmtool::Result resumed = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
+    EXPECT_EQ(resumed.status, 0) << resumed.output;
+    EXPECT_NE(resumed.output.find("from step 2 (label ADJ_02)"), std::string::npos) << resumed.output;
+    EXPECT_NE(resumed.output.find("[  1] CAP   shutter init 1"), std::string::npos) << resumed.output;
+    EXPECT_NE(resumed.output.find("20 commands run, 20 passed, 0 failed"), std::string::npos) << resumed.output;
+    EXPECT_NE(Json().find("\"resume_step\": 2"), std::string::npos);
+}
+
+TEST_F(PmodeSimTest, CardWithoutARunnableScriptStartsNoRun)
+{
+    struct Case {
+        const char* name;
+        const char* infoTg; // null: no info.tg
+        int status;
+    };
+    const Case cases[] = {{"empty card", nullptr, 3}, {"script name without .adj", "production.txt", 3},
+                          {"named script missing", "missing.adj", 3}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string card = root.Dir() + "/card-" + std::to_string(&c - cases);
+        fs::create_directories(card);
+        if (c.infoTg != nullptr) pmtool::WriteAll(card + "/info.tg", c.infoTg);
+        fs::remove_all(root.Host("/mnt/mmc"));
+        pmtool::Result run = RunSim({"--card", card});
+        EXPECT_EQ(run.status, c.status) << run.output;
+        EXPECT_NE(run.output.find("the card starts no production run"), std::string::npos) << run.output;
+    }
+}
+
+TEST_F(PmodeSimTest, EndlessLoopIsStoppedByTheTimeOut)
+{
+    std::string card = root.Dir() + "/card";
+    fs::create_directories(card);
+    pmtool::WriteAll(card + "/info.tg", "loop.adj");
+    pmtool::WriteAll(card + "/loop.adj", "label ADJ_00\nlabel AGAIN\ndelay 1 ms\ngoto AGAIN 0\n");
+    pmtool::Result run = RunSim({"--card", card, "--timeout", "1", "--quiet", "--json", root.Dir() + "/report.json"}, 20);
+    EXPECT_EQ(run.status, 4) << run.output;
+    EXPECT_NE(run.output.find("pre-flight: /mnt/mmc/loop.adj:4: error: goto count '0' is read as 0"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("run FAILED (script mode, timed out after 1 s)"), std::string::npos) << run.output;
+    EXPECT_NE(Json().find("\"aborted\": true"), std::string::npos);
+}
+
+TEST_F(PmodeSimTest, OnlyTheLoadedPluginsServeAndTheRestIsReported)
+{
+    // A plug-in directory with the UI worker only: the other commands are passed over
+    // by the camera, and the pre-flight check names them.
+    std::string plugins = root.Dir() + "/plugins";
+    fs::create_directories(plugins);
+    fs::copy_file(pmtool::BinaryDir() + "/tools/pmode-sim/plugins/pmplugin-ui.so", plugins + "/pmplugin-ui.so");
+    pmtool::Result run = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--plugins", plugins});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("plug-ins: 1 loaded"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("workers: UI\n"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("pre-flight: /mnt/mmc/production.adj:22: error: no loaded worker serves 'lens init'"),
+              std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("4 commands run, 4 passed, 0 failed"), std::string::npos) << run.output;
+}
+
+TEST_F(PmodeSimTest, ResumeStepOptionAndWifiCertificationCard)
+{
+    pmtool::Result fromStep3 = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--step", "3"});
+    EXPECT_EQ(fromStep3.status, 0) << fromStep3.output;
+    EXPECT_NE(fromStep3.output.find("from step 3 (label ADJ_03)"), std::string::npos) << fromStep3.output;
+    EXPECT_NE(fromStep3.output.find("[  1] CAP   line_process awb high 6500"), std::string::npos) << fromStep3.output;
+
+    // A script of at most 64 bytes holding "adj_wifi certification" is a Wi-Fi certification run.
+    std::string card = root.Dir() + "/wifi-card";
+    fs::create_directories(card);
+    pmtool::WriteAll(card + "/info.tg", "wifi.adj");
+    pmtool::WriteAll(card + "/wifi.adj", "adj_wifi certification 1\n");
+    fs::remove_all(root.Host("/mnt/mmc"));
+    pmtool::Result wifi = RunSim({"--card", card});
+    EXPECT_EQ(wifi.status, 0) << wifi.output;
+    EXPECT_NE(wifi.output.find("script mode: /mnt/mmc/wifi.adj (Wi-Fi certification)"), std::string::npos) << wifi.output;
+    EXPECT_NE(wifi.output.find("WIFI  adj_wifi certification 1"), std::string::npos);
+}
+
+TEST_F(PmodeSimTest, ReportEscapesWhatTheScriptWrites)
+{
+    std::string card = root.Dir() + "/card";
+    fs::create_directories(card);
+    pmtool::WriteAll(card + "/info.tg", "odd.adj");
+    pmtool::WriteAll(card + "/odd.adj", "label ADJ_00\nkey check a\"b\\c\tfail\n");
+    pmtool::Result run = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
+    EXPECT_EQ(run.status, 1) << run.output;
+    std::string json = Json();
+    EXPECT_NE(json.find("\"command\": \"key check a\\\"b\\\\c fail\""), std::string::npos) << json;
+    EXPECT_NE(json.find("failure provoked by the script (parameter \\\"fail\\\")"), std::string::npos) << json;
+}
+
+TEST_F(PmodeSimTest, BadUsageAndSetUpAreRefused)
+{
+    EXPECT_EQ(RunSim({"--frobnicate"}).status, 2);
+    EXPECT_EQ(RunSim({"--card"}).status, 2);
+    pmtool::Result noCard = RunSim({"--card", root.Dir() + "/no-such-card"});
+    EXPECT_EQ(noCard.status, 2);
+    EXPECT_NE(noCard.output.find("no card directory"), std::string::npos) << noCard.output;
+    fs::create_directories(root.Dir() + "/empty-plugins");
+    pmtool::Result noWorkers = RunSim({"--plugins", root.Dir() + "/empty-plugins"});
+    EXPECT_EQ(noWorkers.status, 2);
+    EXPECT_NE(noWorkers.output.find("no worker registered by the plug-ins"), std::string::npos) << noWorkers.output;
+}
+
+} // namespace
