@@ -36,6 +36,16 @@ bool removeDevice(const char* devicePath)
     return std::remove(KernelPath(devicePath).c_str()) == 0;
 }
 
+/// A staging step failed while the backing file is still whole: keep it and drop
+/// the incomplete temporaries. -3, or -4 when a temporary cannot be deleted.
+int discardTemporaries(const char* frontPath, const char* backPath)
+{
+    int result = -3;
+    if (!removeDevice(frontPath)) result = -4;
+    if (!removeDevice(backPath)) result = -4;
+    return result;
+}
+
 void temporaryPaths(char (&front)[256], char (&back)[256])
 {
     std::snprintf(front, sizeof front, "%s%s", kDirectory, kFrontName);
@@ -135,14 +145,7 @@ int CAdjustFile::Insert(unsigned long offset, unsigned long size)
     staged = closeStream(back) && staged;
     closeStream(file);
 
-    if (!staged) {
-        // The backing file is still whole: keep it, drop the incomplete temporaries.
-        int result = -3;
-        if (!removeDevice(frontPath)) result = -4;
-        if (!removeDevice(backPath)) result = -4;
-        return result;
-    }
-    return rebuildFrom(frontPath, backPath);
+    return staged ? rebuildFrom(frontPath, backPath) : discardTemporaries(frontPath, backPath);
 }
 
 int CAdjustFile::Remove(unsigned long offset, unsigned long size)
@@ -172,13 +175,7 @@ int CAdjustFile::Remove(unsigned long offset, unsigned long size)
     staged = closeStream(back) && staged;
     closeStream(file);
 
-    if (!staged) {
-        int result = -3;
-        if (!removeDevice(frontPath)) result = -4;
-        if (!removeDevice(backPath)) result = -4;
-        return result;
-    }
-    return rebuildFrom(frontPath, backPath);
+    return staged ? rebuildFrom(frontPath, backPath) : discardTemporaries(frontPath, backPath);
 }
 
 int CAdjustFile::rebuildFrom(const char* frontPath, const char* backPath)
