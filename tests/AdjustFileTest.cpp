@@ -1,6 +1,7 @@
 // The file-backed block store: mount, bounds of Read and Write, Insert and Remove
 // against a model, the chunked copy, and a full disk in the middle of a rebuild.
 #include "CAdjustFile.h"
+#include "FileSizeLimit.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
@@ -33,29 +34,6 @@ public:
     using CAdjustFile::copy;
     using CAdjustFile::getFileSize;
     using CAdjustFile::seek;
-};
-
-/// While it lives, no file of this process may grow past `limit` bytes: writes
-/// beyond fail as on a full disk.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t limit)
-    {
-        getrlimit(RLIMIT_FSIZE, &m_saved);
-        m_handler = signal(SIGXFSZ, SIG_IGN);
-        rlimit reduced = m_saved;
-        reduced.rlim_cur = limit;
-        EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &reduced));
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_saved);
-        signal(SIGXFSZ, m_handler);
-    }
-
-private:
-    rlimit m_saved{};
-    void (*m_handler)(int) = nullptr;
 };
 
 class AdjustFileTest : public ::testing::Test {

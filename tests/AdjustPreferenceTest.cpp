@@ -3,6 +3,7 @@
 // and the snapshot-boot preparation.
 #include "CAdjustPreference.h"
 #include "PMReport.h"
+#include "FileSizeLimit.h"
 #include "TestRoot.h"
 #include "kernel.h"
 #include "kernel_sim.h"
@@ -65,29 +66,6 @@ std::string randomBytes(size_t size, unsigned seed)
 class TestablePreference : public CAdjustPreference {
 public:
     using CAdjustPreference::copy;
-};
-
-/// While it lives, no file of this process may grow past `limit` bytes: writes
-/// beyond fail as on a full disk.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t limit)
-    {
-        getrlimit(RLIMIT_FSIZE, &m_saved);
-        m_handler = signal(SIGXFSZ, SIG_IGN);
-        rlimit reduced = m_saved;
-        reduced.rlim_cur = limit;
-        EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &reduced));
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_saved);
-        signal(SIGXFSZ, m_handler);
-    }
-
-private:
-    rlimit m_saved{};
-    void (*m_handler)(int) = nullptr;
 };
 
 class AdjustPreferenceTest : public ::testing::Test {

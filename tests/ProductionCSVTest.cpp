@@ -4,6 +4,7 @@
 #include "CPTPAdjInterface.h"
 #include "OperationTypeHook.h"
 #include "PMReport.h"
+#include "FileSizeLimit.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
@@ -143,15 +144,11 @@ TEST_F(ProductionCSVTest, CardThatCannotTakeTheTableGivesFileError)
     root.WriteFile("/mnt/mmc/fills.csv", "Index,CIS S/N,X\r\n");
     CProductionCSV fills;
     ASSERT_EQ(0, fills.Create("fills.csv", "X"));
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit saved{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
-    rlimit small = saved;
-    small.rlim_cur = 40;
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
-    EXPECT_EQ(0, fills.Write("%s", "fits"));
-    EXPECT_EQ(18, fills.Write("%s", "this line does not fit"));
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+    {
+        FileSizeLimit full(40);
+        EXPECT_EQ(0, fills.Write("%s", "fits"));
+        EXPECT_EQ(18, fills.Write("%s", "this line does not fit"));
+    }
     EXPECT_EQ(0, fills.Write("%s", "room again"));
     fills.Close();
     EXPECT_EQ("Index,CIS S/N,X\r\n0,777,fits\r\n2,777,room again\r\n", root.ReadFile("/mnt/mmc/fills.csv"));
