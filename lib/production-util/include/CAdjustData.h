@@ -23,7 +23,13 @@
 //  - a body write that fails is recorded in the change log ("Body Write Fail off: %u,
 //    size: %u"); once the header record and the body size are changed on storage the item
 //    takes the new offset and size over even if its value cannot be written, and keeps
-//    `changed` and an owned cache so that the next WriteToNAND writes the value again;
+//    `changed` and an owned cache;
+//  - a WriteToNAND that fails may leave part of its steps done in the stores (say the
+//    header record inserted, the body not grown), which the item does not record: such an
+//    item must not be written again. Its owner drops the items and reloads the group from
+//    NAND (the adjust data manager does, see CAdjustDataManager.h);
+//  - an item marked for deletion whose stored size is 0 (a blank record no catalogue row
+//    claims) has its record removed like any other deleted item, so it never stops a sync;
 //  - a borrowed cache (immediate Set) is dropped whenever WriteToNAND fails, so the
 //    caller's buffer is never used after Set returns;
 //  - Get of an item whose resize is not yet written reads the smaller of old and new

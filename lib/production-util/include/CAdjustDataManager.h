@@ -20,15 +20,37 @@
 //  - find(id) checks the id of the entry it picks by index; when the list does not hold
 //    ids 0..132 one per item (a stray record before id 0), it falls back to a search by
 //    id, so it never hands out another id's item. Null entries sort last.
-//  - Initialize treats a group whose area lengths are out of range (negative, past the
-//    area's capacity) or whose records point past the body area as having no adjust data:
-//    it reports the fact, empties both areas and builds a fresh store from the catalogue,
-//    so that no store operation reaches outside the group. Only one empty area (the other
-//    one holding bytes) is handled the same way.
+//  - Initialize builds a fresh store from the catalogue when an area cannot be mounted:
+//    its length is 0 or negative, or past the area's capacity (it would overlap the next
+//    area); only one empty area (the other holding bytes) counts the same. A record that
+//    reaches past the body area is followed all the same: every other item keeps its
+//    value, that item's reads fail, and nothing is written while the sizes match the
+//    catalogue.
+//  - A re-arrangement is carried out only on a layout it can move safely: the stored
+//    items lie back to back in record order inside the body area, and neither area
+//    outgrows its capacity at any step. Otherwise the start fails (see the recovery rule)
+//    and nothing is written.
+//  - Every stored record that no catalogue row claims is deleted, a blank one (no name,
+//    size 0) too, so no record is left with id -1.
 //  - allocateID goes on with the remaining catalogue rows after a row it cannot place and
 //    answers false at the end.
 //  - sync stops at the first item whose write fails (a failed check) and answers false
 //    without saving the group.
+//  - GetData of a line value whose group cannot be loaded, or of an id past 143, answers
+//    false and leaves the buffer untouched.
+//
+// Recovery rule. After any failed store step (an item write, a block-store Insert or
+// Remove, the save of group 3), the group image in memory may be half-done, and it is
+// never saved: the manager drops every item and both stores, reloads group 3 from NAND
+// (pref_load) and starts again on that image, within the call that failed, which answers
+// false (a failed check is reported). When that start fails too (NAND still refuses, or
+// the stored layout cannot be used), the manager stays without items and tries the same
+// before each later item call, which answers false until it succeeds; Finalize ends the
+// attempts. So a synced SetData that answers true has its value on NAND, NAND always holds
+// a whole image the manager wrote or started from, and values set without sync that were
+// not yet written are dropped by such a recovery. A start that fails in Initialize or in
+// LoadDataFromFile comes back the same way: a loaded file that cannot be started leaves
+// the camera's own data in place.
 
 #include <vector>
 
@@ -92,8 +114,9 @@ public:
     /// the lock.
     bool makeAdjustHeaderInfo(bool sync);
     /// Re-plans positions and offsets from the first changed item on and syncs; does
-    /// nothing when the store matches the catalogue. Caller holds the lock.
-    void arrangeData();
+    /// nothing when the store matches the catalogue. False when the layout cannot be
+    /// re-arranged or the sync failed. Caller holds the lock.
+    bool arrangeData();
     /// Recomputes record positions and body offsets from index first on. Caller holds
     /// the lock.
     void reallocateOffset(int first);
@@ -114,6 +137,14 @@ public:
 private:
     CAdjustDataManager();
     ~CAdjustDataManager();
+
+    bool startOnImageInMemory();
+    bool start();
+    void dropItemsAndStores();
+    bool restartFromNand();
+    bool readyForItems();
+    bool arrangementIsSafe();
+    bool syncOrRestart();
 
     std::vector<CAdjustData*> items;       ///< owned; header-record order, added items last
     std::vector<CAdjustData*> sortedItems; ///< not owning; items sorted by id, built on lookup

@@ -85,6 +85,8 @@ public:
     /// Selects whether changes prepare the snapshot boot; selecting it on a
     /// modified store runs the command at once.
     void SelectSnapshotMaking(bool making);
+    /// Whether snapshot making is selected.
+    bool SnapshotMaking() const { return m_snapshotMaking; }
 
     /// Called after every change: the first change of the store runs the
     /// snapshot-boot command when snapshot making is selected.

@@ -269,8 +269,11 @@ bool CAdjustData::WriteToNAND(unsigned long maxLength)
     const int position = header.position;
     const int recordSize = static_cast<int>(ADJ_HEADER_RECORD_SIZE);
 
+    // A blank record (stored size 0) that no catalogue row claims is removed as well.
+    const bool removing = newSize == 0 && (header.size != 0 || id == ITEM_DELETE_ID);
+
     // 1. The header record: insert, resize or remove it.
-    if (newSize != header.size) {
+    if (newSize != header.size || removing) {
         if (newSize != 0 && header.size == 0) {
             if (headerStore == nullptr) return false;
             if (headerStore->Insert(header.position, ADJ_HEADER_RECORD_SIZE) < 0)
@@ -313,8 +316,7 @@ bool CAdjustData::WriteToNAND(unsigned long maxLength)
 
     // 3. The value. From here on storage has the new layout, so the header takes it over
     // even when the value cannot be written; the item then stays changed for a retry.
-    const bool removed = newSize == 0 && header.size != 0;
-    const bool result = removed || writeValue(maxLength);
+    const bool result = removing || writeValue(maxLength);
 
     if (result) {
         dropCache();

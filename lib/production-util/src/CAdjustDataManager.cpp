@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "AdjWriteLog.h"
+#include "AdjustGroupLayout.h"
 #include "AdjustDataList.h"
 #include "CAdjustData.h"
 #include "AdjustDataManagerLock.h"
@@ -21,16 +22,9 @@
 
 namespace {
 
-constexpr int PREF_ID_ADJUST = 3;
-constexpr int PREF_ID_LINE = 1;
+using namespace pm::adjust;
 
-// Layout of preference group 3.
-constexpr unsigned long HEADER_DATA_OFFSET = 13;
-constexpr unsigned long HEADER_SIZE_OFFSET = 9;
-constexpr unsigned long BODY_DATA_OFFSET = 51217;
-constexpr unsigned long BODY_SIZE_OFFSET = 51213;
-constexpr long HEADER_CAPACITY = 51200;
-constexpr long BODY_CAPACITY = 5242880;
+constexpr int PREF_ID_LINE = 1;
 
 // Set once the whole adjust group has been reset by ResetData; never cleared, so a
 // second failing item reset does not wipe the group again.
@@ -41,33 +35,21 @@ bool isLineId(int id)
     return id >= LINE_DATA_ID_FIRST;
 }
 
-// The stores address the group image without range checks of their own against the
-// image, so lengths and record ranges that a broken group holds are tested here before
-// anything is mounted.
-bool recordsLieInsideBody(long headerLength, long bodyLength)
-{
-    const unsigned long records = static_cast<unsigned long>(headerLength) / ADJ_HEADER_RECORD_SIZE;
-    for (unsigned long i = 0; i < records; ++i) {
-        const unsigned long record = HEADER_DATA_OFFSET + ADJ_HEADER_RECORD_SIZE * i;
-        const uint64_t offset = static_cast<uint32_t>(pref_get_long(PREF_ID_ADJUST, record + 128));
-        const uint64_t size = static_cast<uint32_t>(pref_get_long(PREF_ID_ADJUST, record + 132));
-        if (offset + size > static_cast<uint64_t>(bodyLength)) {
-            PM_ERROR_LOG("Adjust data record %lu lies outside the body area (offset %llu, size %llu, body %ld)", i,
-                         static_cast<unsigned long long>(offset), static_cast<unsigned long long>(size), bodyLength);
-            return false;
-        }
-    }
-    return true;
-}
+// Set when a failed store step made the manager drop its items and the start on the
+// image reloaded from NAND failed as well: every later item call tries that start again.
+// Reached only under the manager's mutex.
+bool restartPending = false;
 
-bool groupLayoutIsSound(long headerLength, long bodyLength)
+// An area that is empty, or longer than its place in the group, cannot be mounted: it
+// would reach into the next area. Only one empty area means the group is broken too.
+bool areaLengthsAreUsable(long headerLength, long bodyLength)
 {
     if (headerLength == 0 && bodyLength == 0) return true;
     if (headerLength <= 0 || bodyLength <= 0 || headerLength > HEADER_CAPACITY || bodyLength > BODY_CAPACITY) {
         PM_ERROR_LOG("Adjust data areas are broken (header %ld bytes, body %ld bytes)", headerLength, bodyLength);
         return false;
     }
-    return recordsLieInsideBody(headerLength, bodyLength);
+    return true;
 }
 
 void emptyAdjustAreas()
@@ -133,12 +115,31 @@ CAdjustDataManager::~CAdjustDataManager()
 
 void CAdjustDataManager::Initialize()
 {
-    ADJUST_DATA_MANAGER_LOCK(mutex);
-    if (headerStore != nullptr || bodyStore != nullptr) return;
+    startOnImageInMemory();
+}
 
+bool CAdjustDataManager::startOnImageInMemory()
+{
+    ADJUST_DATA_MANAGER_LOCK(mutex);
+    if (headerStore != nullptr || bodyStore != nullptr) return false;
+
+    restartPending = false;
+    const bool started = start();
+    if (!started) {
+        PM_ERROR_LOG("Adjust data could not be started: back to the data saved on NAND");
+        PM_ASSERT_FAILED();
+        restartFromNand();
+    }
+    PM_TRACE("ADJUST DATA INITIALIZED %x, [%d]\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(this)),
+             static_cast<int>(getpid()));
+    return started;
+}
+
+bool CAdjustDataManager::start()
+{
     long headerLength = pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET);
     long bodyLength = pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET);
-    if (!groupLayoutIsSound(headerLength, bodyLength)) {
+    if (!areaLengthsAreUsable(headerLength, bodyLength)) {
         emptyAdjustAreas();
         headerLength = 0;
         bodyLength = 0;
@@ -149,26 +150,18 @@ void CAdjustDataManager::Initialize()
     bodyStore = new CAdjustPreference();
     const bool bodyMounted = bodyStore->Mount(BODY_DATA_OFFSET, BODY_SIZE_OFFSET, bodyLength);
 
-    if (headerMounted && bodyMounted) {
-        if (!headerStore->crcCheck() || !bodyStore->crcCheck()) showCorruptionOnReadOnlyNand();
-        if (!readAdjustHeaderInfo()) {
-            PM_ASSERT_FAILED();
-        } else if (!allocateID()) {
-            PM_ASSERT_FAILED();
-        } else {
-            arrangeData();
-        }
-    } else {
+    if (!headerMounted || !bodyMounted) {
         PM_TRACE("There is no Adjust-data\n");
-        makeAdjustHeaderInfo(true);
+        return makeAdjustHeaderInfo(true);
     }
-    PM_TRACE("ADJUST DATA INITIALIZED %x, [%d]\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(this)),
-             static_cast<int>(getpid()));
+    if (!headerStore->crcCheck() || !bodyStore->crcCheck()) showCorruptionOnReadOnlyNand();
+    PM_CHECK(readAdjustHeaderInfo(), false);
+    PM_CHECK(allocateID(), false);
+    return arrangeData();
 }
 
-void CAdjustDataManager::Finalize()
+void CAdjustDataManager::dropItemsAndStores()
 {
-    ADJUST_DATA_MANAGER_LOCK(mutex);
     for (CAdjustData* item : items) delete item;
     items.clear();
     sortedItems.clear();
@@ -178,6 +171,42 @@ void CAdjustDataManager::Finalize()
         delete *store;
         *store = nullptr;
     }
+}
+
+bool CAdjustDataManager::restartFromNand()
+{
+    const bool snapshotMaking = headerStore != nullptr && headerStore->SnapshotMaking();
+    dropItemsAndStores();
+    if (pref_load(PREF_ID_ADJUST) >= 0 && start()) {
+        restartPending = false;
+        SetMode(snapshotMaking ? OP_MODE_SNAPSHOT : OP_MODE_NO_SNAPSHOT);
+        return true;
+    }
+    // The image may be half-done again: never leave it behind for a later save.
+    dropItemsAndStores();
+    if (pref_load(PREF_ID_ADJUST) < 0) PM_ERROR_LOG("Adjust data on NAND cannot be read");
+    restartPending = true;
+    return false;
+}
+
+bool CAdjustDataManager::readyForItems()
+{
+    return !restartPending || restartFromNand();
+}
+
+bool CAdjustDataManager::syncOrRestart()
+{
+    if (sync()) return true;
+    PM_ERROR_LOG("Adjust data could not be saved: back to the data saved on NAND");
+    restartFromNand();
+    return false;
+}
+
+void CAdjustDataManager::Finalize()
+{
+    ADJUST_DATA_MANAGER_LOCK(mutex);
+    dropItemsAndStores();
+    restartPending = false;
     lineLoaded = false;
     PM_TRACE("ADJUST DATA FINALIZED %x\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(this)));
 }
@@ -224,6 +253,7 @@ CAdjustData* CAdjustDataManager::find(char const* name)
 bool CAdjustDataManager::GetData(int id, void* buffer, unsigned long length)
 {
     ADJUST_DATA_MANAGER_LOCK(mutex);
+    if (!isLineId(id) && !readyForItems()) return false;
 
     if (isCountryDerived(id)) {
         uint8_t code[2] = {0, 0};
@@ -260,9 +290,10 @@ bool CAdjustDataManager::GetData(int id, void* buffer, unsigned long length)
         return item->Get(buffer, length);
     }
 
-    if (length != 4) return false;
-    const int32_t value = static_cast<int32_t>(readLineData(id));
-    std::memcpy(buffer, &value, sizeof(value));
+    long value = 0;
+    if (length != 4 || !pm::line::readLineData(lineLoaded, id, value)) return false;
+    const int32_t word = static_cast<int32_t>(value);
+    std::memcpy(buffer, &word, sizeof(word));
     return true;
 }
 
@@ -272,17 +303,29 @@ bool CAdjustDataManager::SetData(int id, void* buffer, unsigned long length, boo
     const char* syncMark = sync ? "[sync]" : "";
 
     if (!isLineId(id)) {
+        if (!readyForItems()) return false;
         bool result = false;
+        bool storeStepFailed = false;
         CAdjustData* item = find(id);
         if (item != nullptr) {
             adj_write_log("SetData(): %s, %d %s \n", get_adjust_data_id_name(static_cast<_AdjustDataID>(id)),
                           static_cast<int>(length), syncMark);
             result = item->Set(buffer, length, sync);
+            // A refused argument touches nothing; any other failure of an immediate Set
+            // happened in the stores.
+            const bool argumentsFit =
+                length <= static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE))
+                && (buffer != nullptr || length == 0);
+            storeStepFailed = sync && !result && argumentsFit;
         } else {
             PM_TRACE("Set: I didn't find anything %d\n", id);
         }
         if (sync) {
-            if (!this->sync()) PM_ASSERT_FAILED();
+            if (storeStepFailed) {
+                PM_ERROR_LOG("Adjust data could not be written: back to the data saved on NAND");
+                restartFromNand();
+            }
+            PM_CHECK(!storeStepFailed && syncOrRestart(), false);
             adj_write_log("SetData(): sync done \n");
         } else {
             adj_write_log("SetData(): done \n");
@@ -308,6 +351,8 @@ bool CAdjustDataManager::ResetData(int id)
     ADJUST_DATA_MANAGER_LOCK(mutex);
 
     if (!isLineId(id)) {
+        // A store that cannot be started again is not a missing item: it is left alone.
+        if (!readyForItems()) return false;
         CAdjustData* item = find(id);
         if (item != nullptr && item->Reset()) return true;
         // The item cannot be put back on its own: the whole group goes back to its

@@ -5,11 +5,13 @@
 #include "CAdjustDataManager.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <vector>
 
 #include "AdjWriteLog.h"
 #include "AdjustDataList.h"
+#include "AdjustGroupLayout.h"
 #include "CAdjustData.h"
 #include "CAdjustLogMachine.h"
 #include "CAdjustPreference.h"
@@ -18,16 +20,21 @@
 
 namespace {
 
-constexpr int PREF_ID_ADJUST = 3;
+using namespace pm::adjust;
 
 long sizeState(CAdjustData* item)
 {
     return static_cast<long>(item->Infomation(CAdjustData::ADJ_INFO_SIZE_STATE));
 }
 
+long itemId(CAdjustData* item)
+{
+    return static_cast<long>(item->Infomation(CAdjustData::ADJ_INFO_ID));
+}
+
 bool isToBeDeleted(CAdjustData* item)
 {
-    return sizeState(item) == -1;
+    return itemId(item) == ITEM_DELETE_ID || sizeState(item) == -1;
 }
 
 bool isChanged(CAdjustData* item)
@@ -139,8 +146,9 @@ bool CAdjustDataManager::allocateID()
         item->Setup(i, row);
     }
 
+    // Every record no row claimed (id still -1) goes, a blank one of size 0 as well.
     for (CAdjustData* item : items) {
-        if (item == nullptr || !isToBeDeleted(item)) continue;
+        if (item == nullptr || itemId(item) != -1) continue;
         item->Setup4Delete();
         CAdjustLogMachine::GetInstance()->Log("Will be Del %s", itemName(item));
     }
@@ -169,18 +177,19 @@ bool CAdjustDataManager::makeAdjustHeaderInfo(bool sync)
         adj_write_log("makeAdjustHeaderInfo(): done \n");
         return true;
     }
-    if (!this->sync()) PM_ASSERT_FAILED();
+    PM_CHECK(this->sync(), false);
     adj_write_log("makeAdjustHeaderInfo(): sync done \n");
     return true;
 }
 
-void CAdjustDataManager::arrangeData()
+bool CAdjustDataManager::arrangeData()
 {
     size_t first = 0;
     while (first < items.size() &&
            (items[first] == nullptr || !(isChanged(items[first]) || isToBeDeleted(items[first]))))
         ++first;
-    if (first == items.size()) return;
+    if (first == items.size()) return true;
+    if (!arrangementIsSafe()) return false;
 
     adj_write_log("arrangeData(): start \n");
     CAdjustLogMachine* log = CAdjustLogMachine::GetInstance();
@@ -189,8 +198,54 @@ void CAdjustDataManager::arrangeData()
     reallocateOffset(static_cast<int>(first));
     log->Log("After Arrange");
     log->Log(items[first], itemAt(items, 2), itemAt(items, 67), itemAt(items, 132));
-    sync();
+    if (!sync()) return false;
     adj_write_log("arrangeData(): sync done \n");
+    return true;
+}
+
+bool CAdjustDataManager::arrangementIsSafe()
+{
+    // Re-arrangement moves every later item by what an Insert or Remove adds or takes:
+    // that lands each item where the plan says only when the stored items lie back to
+    // back in record order inside the body area.
+    const uint64_t bodyLength = static_cast<uint64_t>(std::max(0L, pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET)));
+    uint64_t end = 0;
+    bool firstStored = true;
+    for (CAdjustData* item : items) {
+        if (item == nullptr || oldSize(item) == 0) continue;
+        if (!firstStored && oldOffset(item) != end) {
+            PM_ERROR_LOG("Adjust data cannot be re-arranged: %s lies at %lu, the item before ends at %llu",
+                         itemName(item), oldOffset(item), static_cast<unsigned long long>(end));
+            return false;
+        }
+        firstStored = false;
+        end = static_cast<uint64_t>(oldOffset(item)) + oldSize(item);
+    }
+    if (end > bodyLength) {
+        PM_ERROR_LOG("Adjust data cannot be re-arranged: the items end at %llu, past the body area (%llu bytes)",
+                     static_cast<unsigned long long>(end), static_cast<unsigned long long>(bodyLength));
+        return false;
+    }
+
+    // Neither area may outgrow its place in the group at any step of the sync.
+    int64_t headerLength = std::max(0L, pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET));
+    int64_t body = static_cast<int64_t>(bodyLength);
+    for (CAdjustData* item : items) {
+        if (item == nullptr) continue;
+        if (isToBeDeleted(item)) {
+            headerLength -= ADJ_HEADER_RECORD_SIZE;
+            body -= static_cast<int64_t>(oldSize(item));
+            continue;
+        }
+        if (oldSize(item) == 0) headerLength += ADJ_HEADER_RECORD_SIZE;
+        body += static_cast<int64_t>(newSize(item)) - static_cast<int64_t>(oldSize(item));
+        if (headerLength > HEADER_CAPACITY || body > BODY_CAPACITY) {
+            PM_ERROR_LOG("Adjust data cannot be re-arranged: the areas would outgrow the group (header %lld, body %lld bytes)",
+                         static_cast<long long>(headerLength), static_cast<long long>(body));
+            return false;
+        }
+    }
+    return true;
 }
 
 void CAdjustDataManager::reallocateOffset(int first)

@@ -1,16 +1,18 @@
 // Dump and load of the whole adjust group. Neither takes the manager's lock: each
 // manager operation they call locks on its own, so the lock is never taken twice by
-// one thread.
+// one thread. A load whose file cannot be started, or whose first save fails, comes
+// back to the data saved on NAND (the manager's recovery rule) and answers false.
 
 #include "CAdjustDataManager.h"
 
 #include "AdjustDataList.h"
+#include "AdjustGroupLayout.h"
 #include "PMReport.h"
 #include "pref.h"
 
 namespace {
 
-constexpr int PREF_ID_ADJUST = 3;
+using namespace pm::adjust;
 
 // A synced write of item 0 brings the group on NAND up to date: the write itself
 // goes out at once, the sync after it writes every other pending change and saves.
@@ -47,7 +49,8 @@ bool CAdjustDataManager::LoadDataFromFile(char* path)
         PM_TRACE("pref_load_from_file fail\n");
         return false;
     }
-    Initialize();
+    // A file whose adjust data cannot be started leaves the camera's own data in place.
+    if (!startOnImageInMemory()) return false;
     PM_TRACE("Load step1\n");
     SetMode(OP_MODE_SNAPSHOT);
     PM_TRACE("Load step2\n");

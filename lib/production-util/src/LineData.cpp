@@ -41,10 +41,18 @@ unsigned long getLineDataOffset(int id)
 
 long readLineData(bool& lineLoaded, int id)
 {
-    if (!loadOnce(lineLoaded)) return 0;
+    long value = 0;
+    readLineData(lineLoaded, id, value);
+    return value;
+}
+
+bool readLineData(bool& lineLoaded, int id, long& value)
+{
+    if (!loadOnce(lineLoaded)) return false;
     const unsigned long key = getLineDataOffset(id);
-    if (key == 0) return 0;
-    return pref_get_long(kLineGroup, key);
+    if (key == 0) return false;
+    value = pref_get_long(kLineGroup, key);
+    return true;
 }
 
 bool writeLineData(bool& lineLoaded, int id, long value, bool save)

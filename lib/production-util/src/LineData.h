@@ -22,6 +22,10 @@ unsigned long getLineDataOffset(int id);
 /// The value of a line id, loading the group first when lineLoaded is clear.
 long readLineData(bool& lineLoaded, int id);
 
+/// Reads a line value into value, loading the group first when lineLoaded is clear.
+/// False, value untouched, when the id is wrong or the group cannot be loaded.
+bool readLineData(bool& lineLoaded, int id, long& value);
+
 /// Sets the value of a line id in the group's image; with save the group is then
 /// written to NAND. True when the value (and the save, if asked for) went through.
 bool writeLineData(bool& lineLoaded, int id, long value, bool save);
