@@ -7,6 +7,8 @@
 #include "CWorkerFactory.h"
 #include "PMReport.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -16,6 +18,7 @@ namespace controller_test {
 
 struct Log {
     std::mutex mutex;
+    std::condition_variable traced; ///< notified with every trace
     std::vector<std::string> calls;  ///< "<worker>: <what describe() gives>", in the order of Execute
     std::vector<std::string> traces; ///< every trace composed while installed
 };
@@ -70,8 +73,11 @@ inline TestWorker* addWorker(const char* group, TestWorker::Action action = null
 
 inline void recordTrace(const char* text)
 {
-    std::lock_guard<std::mutex> lock(log().mutex);
-    log().traces.emplace_back(text);
+    {
+        std::lock_guard<std::mutex> lock(log().mutex);
+        log().traces.emplace_back(text);
+    }
+    log().traced.notify_all();
 }
 
 /// Empties the log and installs the trace capture.
@@ -100,12 +106,24 @@ inline std::vector<std::string> takeCalls()
     return taken;
 }
 
-inline bool traced(const std::string& part)
+inline bool tracedLocked(const std::string& part)
 {
-    std::lock_guard<std::mutex> lock(log().mutex);
     for (const auto& trace : log().traces)
         if (trace.find(part) != std::string::npos) return true;
     return false;
+}
+
+inline bool traced(const std::string& part)
+{
+    std::lock_guard<std::mutex> lock(log().mutex);
+    return tracedLocked(part);
+}
+
+/// Waits until a trace containing `part` has been composed; false after 5 s.
+inline bool waitTraced(const std::string& part)
+{
+    std::unique_lock<std::mutex> lock(log().mutex);
+    return log().traced.wait_for(lock, std::chrono::seconds(5), [&] { return tracedLocked(part); });
 }
 
 } // namespace controller_test

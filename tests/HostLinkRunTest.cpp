@@ -424,6 +424,43 @@ TEST_F(HostLinkRunTest, FinalizeEndsALoopWaitingForItsFirstMessage)
     EXPECT_TRUE(takeCalls().empty());
 }
 
+TEST_F(HostLinkRunTest, FinalizeWhileAPayloadIsServedKeepsItForTheWorker)
+{
+    // The worker blocks while it serves a protocol payload; a script line waits
+    // for the channel; then Finalize stops the channel under both of them.
+    std::promise<void> serving, release;
+    std::shared_future<void> released = release.get_future().share();
+    std::string payloadSeen;
+    addWorker("ETC", [&](_tPM_Command* command) {
+        if (std::string(command->szParam[0]) != "cis_data2") return 0;
+        serving.set_value();
+        released.wait();
+        payloadSeen.assign(command->pData, 7);
+        return 0;
+    });
+    StartSession();
+    root.WriteFile(kPayload, "PAYLOAD-BYTES");
+    ASSERT_EQ(kParam1, pc.SendLine("line_process cis_data 0").key);
+    takeCalls();
+    auto answer = std::async(std::launch::async, [&] { return pc.SendProtocol(0x10021000, 1, 2, 3, 4); });
+    ASSERT_EQ(std::future_status::ready, serving.get_future().wait_for(5s));
+
+    vconf_set_str(kScriptKey, "line_process cis_data 1");
+    ASSERT_TRUE(waitTraced("PTPCommByScript: waiting until the request in service is answered"));
+    auto finalized = std::async(std::launch::async, [&] { mode->Finalize(); });
+    EXPECT_TRUE(waitTraced("PTPCommByScript: channel stopped, request dropped"));
+    ASSERT_EQ(0, vconf_sim_wait_idle(5000)) << "the waiting callback has left";
+    release.set_value();
+
+    ASSERT_EQ(std::future_status::ready, finalized.wait_for(5s)) << "Finalize did not return";
+    EXPECT_EQ("PAYLOAD", payloadSeen);
+    EXPECT_EQ(kParam1, answer.get().key) << "the request in service is still answered";
+    EXPECT_EQ("10020002,0,0", FactoryPC::Respond());
+    EXPECT_EQ(std::vector<std::string>{"ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"}, takeCalls())
+        << "the line that waited is not run";
+    EXPECT_FALSE(mode->IsActive());
+}
+
 TEST_F(HostLinkRunTest, FinalizeRightAfterStartNeverHangs)
 {
     addWorker("LENS");

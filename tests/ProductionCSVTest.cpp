@@ -13,7 +13,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -110,12 +112,72 @@ TEST_F(ProductionCSVTest, WriteRefusesTextsOfUnusableLength)
     const unsigned long before = pm::AssertionCount();
     EXPECT_EQ(19, table.Write("%4000d%200d", 1, 2));
     EXPECT_EQ(before + 1, pm::AssertionCount());
+    // Only the character after each '%' counts: "%.3s" adds no string to the
+    // estimate, and the last string is the last one that walk meets.
+    EXPECT_EQ(0, table.Write("%.3s", std::string(5000, 'p').c_str()));
+    EXPECT_EQ(19, table.Write("%s%.3s", std::string(4090, 'q').c_str(), "abcdef"));
     table.Close();
     const std::string content = root.ReadFile("/mnt/mmc/len.csv");
     EXPECT_NE(std::string::npos, content.find("\r\n0,777," + std::string(4093, 'x') + "\r\n"));
     EXPECT_NE(std::string::npos, content.find("\r\n1,777,   42|3|9|1.50|end\r\n"));
     EXPECT_NE(std::string::npos, content.find("\r\n2,777,2.250000,(null)\r\n"));
-    EXPECT_EQ(std::string::npos, content.find("3,777")) << "refused lines use no index";
+    EXPECT_NE(std::string::npos, content.find("\r\n3,777,ppp\r\n"));
+    EXPECT_EQ(std::string::npos, content.find("4,777")) << "refused lines use no index";
+}
+
+TEST_F(ProductionCSVTest, IndexThatDoesNotFitIsRefusedNotWrapped)
+{
+    struct Case {
+        const char* lastIndex;
+        int create;        // Create's answer
+        const char* lines; // what two further lines add ("" when Create failed)
+        int second;        // the second line's answer
+    } cases[] = {
+        {"2147483646", 0, "2147483647,777,a\r\n", 18}, // the last index there is; then the table is full
+        {"2147483647", 18, "", 0},
+        {"99999999999", 18, "", 0},
+        {"00000000041", 0, "42,777,a\r\n43,777,b\r\n", 0},
+        {"-2147483649", 0, "-2147483648,777,a\r\n-2147483647,777,b\r\n", 0},
+        {"-9999999999", 18, "", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.lastIndex);
+        const std::string old = std::string("Index,CIS S/N,A\r\n") + c.lastIndex + ",777,x\r\n";
+        root.WriteFile("/mnt/mmc/big.csv", old);
+        CProductionCSV table;
+        ASSERT_EQ(c.create, table.Create("big.csv", "A"));
+        if (c.create == 0) {
+            EXPECT_EQ(0, table.write("a", false));
+            EXPECT_EQ(c.second, table.write("b", false));
+        } else {
+            EXPECT_EQ(18, table.write("a", false)) << "no file is open";
+        }
+        table.Close();
+        EXPECT_EQ(old + c.lines, root.ReadFile("/mnt/mmc/big.csv"));
+    }
+}
+
+TEST_F(ProductionCSVTest, LineThatCannotBePositionedIsLostButUsesItsIndex)
+{
+    // A pipe in the table's place: it opens, but no seek on it succeeds.
+    ASSERT_EQ(0, mkfifo(root.Host("/mnt/mmc/pipe.csv").c_str(), 0600));
+    const int reader = open(root.Host("/mnt/mmc/pipe.csv").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_LE(0, reader);
+    CProductionCSV table;
+    ASSERT_EQ(0, table.Create("pipe.csv", "X"));
+    EXPECT_EQ(0, table.Write("%s", "lost"));
+    char byte;
+    EXPECT_EQ(-1, read(reader, &byte, 1)) << "nothing reached the pipe";
+    EXPECT_NE(std::string::npos, root.ReadFile("/var/log/dlog.log").find("cannot be positioned"));
+
+    // The same object collecting for the PC shows which index the lost line took.
+    pm_test::SetOperationType(OP_TYPE_PTP);
+    ASSERT_EQ(0, table.Create("host.csv", "X"));
+    EXPECT_EQ(0, table.write("kept", false));
+    EXPECT_EQ("host.csv\r\nIndex,CIS S/N,X\r\n1,777,kept\r\n", table.GetCSVData4PTPTrans());
+    pm_test::SetOperationType(OP_TYPE_NONE);
+    table.Close();
+    close(reader);
 }
 
 TEST_F(ProductionCSVTest, CardThatCannotTakeTheTableGivesFileError)

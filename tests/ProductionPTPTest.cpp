@@ -4,6 +4,7 @@
 // request at a time, and stopping.
 #include "CPTPAdjInterface.h"
 #include "CProductionPTP.h"
+#include "ControllerTestKit.h"
 #include "OperationTypeHook.h"
 #include "PMReport.h"
 #include "TestRoot.h"
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -81,6 +83,7 @@ protected:
     }
     void TearDown() override
     {
+        pm::SetTraceSink(nullptr);
         channel.Unmount();
         for (const char* key : kAnswerKeys) vconf_ignore_key_changed(key, &AnswerLog::Callback);
         vconf_sim_wait_idle(10000);
@@ -279,8 +282,9 @@ TEST_F(ProductionPTPTest, SecondRequestWaitsUntilTheFirstIsAnswered)
     vconf_set_str(kScriptKey, "shutter first");
     ASSERT_EQ(std::future_status::ready, polled.wait_for(5s));
 
+    controller_test::startLog();
     vconf_set_str(kScriptKey, "sound second");
-    std::this_thread::sleep_for(300ms); // the callback is now waiting for the channel
+    ASSERT_TRUE(controller_test::waitTraced("PTPCommByScript: waiting until the request in service is answered"));
     EXPECT_EQ(PTP_MSG_SCRIPT, channel.GetPTPMessageType());
     polled = PollAsync();
     EXPECT_EQ(std::future_status::timeout, polled.wait_for(100ms)) << "not delivered while the first is served";
@@ -313,6 +317,20 @@ TEST_F(ProductionPTPTest, UnmountWakesTheControllerWithTypeZeroAndStaysStopped)
     polled = PollAsync();
     EXPECT_EQ(std::future_status::ready, polled.wait_for(1s));
     EXPECT_TRUE(channel.Unmount()) << "not mounted: nothing to do";
+}
+
+TEST_F(ProductionPTPTest, ChannelDeletedWhileACallbackWaitsOutlivesTheCallback)
+{
+    controller_test::startLog();
+    auto stopped = std::make_unique<CProductionPTP>();
+    ASSERT_TRUE(stopped->Mount());
+    vconf_set_str(kScriptKey, "shutter first");
+    vconf_set_str(kScriptKey, "sound second"); // waits: the first is never answered
+    ASSERT_TRUE(controller_test::waitTraced("PTPCommByScript: waiting until the request in service is answered"));
+    EXPECT_TRUE(stopped->Unmount());
+    stopped.reset(); // returns only once the waiting callback has left the channel
+    EXPECT_TRUE(controller_test::traced("PTPCommByScript: channel stopped, request dropped"));
+    EXPECT_EQ(0, vconf_sim_wait_idle(5000));
 }
 
 TEST_F(ProductionPTPTest, UnmountRetriesAndGivesUpAfterTenFailures)

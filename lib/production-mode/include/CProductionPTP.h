@@ -19,17 +19,26 @@
 // and block (looking every 100 ms) while a request is served; everything else
 // runs on the controller's thread, except Mount/Unmount, which the controller's
 // start and stop may call from the host application's thread. The hand-over is
-// the message type and the event flag; no lock is taken.
+// the message type and the event flag; a short lock makes "the channel is
+// mounted and free" and the publication of a request one step, so a request is
+// never published into a stopped channel.
 //
-// The text of a script-line request is copied by the callback (the store's
-// string lives only during the callback); the channel owns the copy until
-// ReadScript has parsed it or SendPTP releases it.
+// Ownership: the text of a script-line request is copied by the callback (the
+// store's string lives only during the callback); the channel owns the copy
+// until ReadScript takes it or SendPTP releases it. A protocol payload is kept
+// apart from it and is touched by nobody but the controller's thread until
+// SendPTP, so a stop while a worker reads it cannot free it. A callback that is
+// waiting when the channel is unmounted drops its request (with a trace) instead
+// of delivering it; a callback that is still running, or a notification that was
+// already on its way when the subscription went, never touches a deleted channel:
+// the destructor waits for running callbacks to leave.
 
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 class CEventFlag;
 struct _keynode_t;
@@ -45,7 +54,9 @@ class CProductionPTP {
 public:
     /// Message type 0, not mounted, no buffer.
     CProductionPTP();
-    /// Deletes the event flag and releases the buffer. Unmount first.
+    /// Waits until no callback runs on the channel any more (a waiting one gives up
+    /// its request), deletes the event flag and releases the buffers. Unmount first,
+    /// and not from one of the channel's own callbacks.
     ~CProductionPTP();
     CProductionPTP(const CProductionPTP&) = delete;
     CProductionPTP& operator=(const CProductionPTP&) = delete;
@@ -61,7 +72,7 @@ public:
     /// PTP_MSG_NONE, PTP_MSG_SCRIPT or PTP_MSG_PROTOCOL. Any thread.
     uint32_t GetPTPMessageType();
     /// The command of the pending script line (an empty command when none); the
-    /// line's text is released. Controller's thread.
+    /// line's text is taken from the channel and released. Controller's thread.
     _tPM_Command ReadScript();
     /// Reads the pending protocol message: operation code, p1 to p4 and, when the
     /// payload file exists, the payload (the channel's buffer, valid until
@@ -69,8 +80,9 @@ public:
     /// earlier payload is still held; -4 empty payload; -5 an operation-code or
     /// p1/p2 key cannot be read. Controller's thread.
     int32_t ReceivePTP(int& operation, int& p1, int& p2, int& p3, int& p4, char** payload);
-    /// Writes the pending answer, clears CPTPAdjInterface and frees the channel for
-    /// the next request. 0, or -1 when a key could not be written. Controller's thread.
+    /// Releases the payload (the worker is done with it), writes the pending answer,
+    /// clears CPTPAdjInterface and frees the channel for the next request. 0, or -1
+    /// when a key could not be written. Controller's thread.
     int32_t SendPTP();
 
     /// The subscription steps of Mount. True when at least one subscription holds.
@@ -84,14 +96,21 @@ public:
     static void PTPCommByProtocol(_keynode_t* node, void* userData);
 
 private:
-    /// Waits (100 ms steps) until the previous request has been served.
-    void waitUntilFree();
+    /// Waits (100 ms steps) until the previous request has been served, then
+    /// publishes the next one: the script text (null for a protocol message), the
+    /// type and the request bit. False, with the text not taken, when the channel
+    /// was stopped meanwhile.
+    bool deliver(uint32_t type, char* text, const char* who);
     int32_t readProtocolKeys(int& operation, int& p1, int& p2, int& p3, int& p4);
-    void releaseBuffer();
+    /// Releases the script text. Call with mHandOver held while a callback may run.
+    void releaseScriptText();
+    void releasePayload();
 
     CEventFlag* pEventFlag;              ///< owned; wakes the controller's thread
-    char* pMessageBuffer;                ///< owned (malloc); script text or payload; null when none
+    char* pMessageBuffer;                ///< owned (malloc); script text; null when none; under mHandOver
+    char* pPayload;                      ///< owned (malloc); protocol payload until SendPTP; controller's thread
     CProductionScript cScript;           ///< parses script-line requests
     std::atomic<uint32_t> nMessageType;  ///< PTP_MSG_*; 0 frees the channel
     std::atomic<bool> blMounted;         ///< true while subscribed
+    std::mutex mHandOver;                ///< a request's publication against a stop; the script text
 };

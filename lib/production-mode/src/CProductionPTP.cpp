@@ -8,9 +8,12 @@
 
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -75,40 +78,124 @@ bool usableNode(_keynode_t* node, int expectedType)
     return true;
 }
 
+/// The channels alive in this process and how many callbacks run on each. The
+/// store may call a callback whose subscription has just been removed (the call
+/// was already on its way), so a callback reaches its channel only through this
+/// list, and a channel leaves it only when no callback runs on it any more.
+class LiveChannels {
+public:
+    void Add(const void* channel)
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mInside[channel] = 0;
+    }
+
+    /// Waits until no callback runs on the channel, then forgets it.
+    void Remove(const void* channel)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mLeft.wait(lock, [&] { return mInside[channel] == 0; });
+        mInside.erase(channel);
+    }
+
+    /// True (and counted) when the channel is alive.
+    bool Enter(const void* channel)
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        auto found = mInside.find(channel);
+        if (found == mInside.end()) return false;
+        ++found->second;
+        return true;
+    }
+
+    void Leave(const void* channel)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            --mInside[channel];
+        }
+        mLeft.notify_all();
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mLeft;
+    std::map<const void*, int> mInside;
+};
+
+/// Never destroyed: the controller's channel may be deleted during static destruction.
+LiveChannels& liveChannels()
+{
+    static LiveChannels* channels = new LiveChannels;
+    return *channels;
+}
+
+/// One callback's stay on a channel; `channel` is null when it is gone.
+class CallbackVisit {
+public:
+    explicit CallbackVisit(void* userData)
+        : channel(userData != nullptr && liveChannels().Enter(userData) ? static_cast<CProductionPTP*>(userData)
+                                                                          : nullptr)
+    {
+    }
+    ~CallbackVisit()
+    {
+        if (channel != nullptr) liveChannels().Leave(channel);
+    }
+    CallbackVisit(const CallbackVisit&) = delete;
+    CallbackVisit& operator=(const CallbackVisit&) = delete;
+
+    CProductionPTP* const channel;
+};
+
 } // namespace
 
 CProductionPTP::CProductionPTP()
-    : pEventFlag(new (std::nothrow) CEventFlag), pMessageBuffer(nullptr), cScript(), nMessageType(PTP_MSG_NONE),
-      blMounted(false)
+    : pEventFlag(new (std::nothrow) CEventFlag), pMessageBuffer(nullptr), pPayload(nullptr), cScript(),
+      nMessageType(PTP_MSG_NONE), blMounted(false)
 {
     if (pEventFlag != nullptr) {
         pEventFlag->Create(kAllBits);
         pEventFlag->Clear(kAllBits);
     }
+    liveChannels().Add(this);
 }
 
 CProductionPTP::~CProductionPTP()
 {
+    {
+        // A callback still waiting for the channel gives up its request.
+        std::lock_guard<std::mutex> lock(mHandOver);
+        blMounted = false;
+    }
+    liveChannels().Remove(this);
     if (pEventFlag != nullptr) {
         pEventFlag->Delete();
         delete pEventFlag;
         pEventFlag = nullptr;
     }
-    releaseBuffer();
+    releaseScriptText();
+    releasePayload();
 }
 
 bool CProductionPTP::Mount()
 {
     if (blMounted) return true;
-    if (!registerPTPComm()) return false;
+    // Marked first: a request notified right after subscribing must find the channel mounted.
     blMounted = true;
-    return true;
+    if (registerPTPComm()) return true;
+    std::lock_guard<std::mutex> lock(mHandOver);
+    blMounted = false;
+    return false;
 }
 
 bool CProductionPTP::Unmount()
 {
-    if (!blMounted) return true;
-    blMounted = false;
+    {
+        std::lock_guard<std::mutex> lock(mHandOver);
+        if (!blMounted) return true;
+        blMounted = false;
+    }
     int tries = 0;
     while (!unregisterPTPComm()) {
         if (++tries == kUnmountTries) return false;
@@ -138,9 +225,8 @@ bool CProductionPTP::unregisterPTPComm()
 void CProductionPTP::PTPCommByScript(_keynode_t* node, void* userData)
 {
     if (!usableNode(node, VCONF_TYPE_STRING)) return;
-    auto* channel = static_cast<CProductionPTP*>(userData);
-    if (channel == nullptr) return;
-    channel->waitUntilFree();
+    CallbackVisit visit(userData);
+    if (visit.channel == nullptr) return;
     const char* text = vconf_keynode_get_str(node);
     // The node's string dies with the callback; the controller parses later.
     char* copy = strdup(text != nullptr ? text : "");
@@ -148,10 +234,7 @@ void CProductionPTP::PTPCommByScript(_keynode_t* node, void* userData)
         PM_ERROR_LOG("CProductionPTP cannot keep the request text\n");
         return;
     }
-    channel->releaseBuffer(); // a line that a stop left unread
-    channel->pMessageBuffer = copy;
-    channel->nMessageType = PTP_MSG_SCRIPT;
-    if (channel->pEventFlag != nullptr) channel->pEventFlag->Set(kRequestBit);
+    if (!visit.channel->deliver(PTP_MSG_SCRIPT, copy, "PTPCommByScript")) std::free(copy);
 }
 
 void CProductionPTP::PTPCommByProtocol(_keynode_t* node, void* userData)
@@ -161,16 +244,31 @@ void CProductionPTP::PTPCommByProtocol(_keynode_t* node, void* userData)
         PM_TRACE("PTPCommByProtocol No meanning message");
         return;
     }
-    auto* channel = static_cast<CProductionPTP*>(userData);
-    if (channel == nullptr) return;
-    channel->waitUntilFree();
-    channel->nMessageType = PTP_MSG_PROTOCOL;
-    if (channel->pEventFlag != nullptr) channel->pEventFlag->Set(kRequestBit);
+    CallbackVisit visit(userData);
+    if (visit.channel == nullptr) return;
+    visit.channel->deliver(PTP_MSG_PROTOCOL, nullptr, "PTPCommByProtocol");
 }
 
-void CProductionPTP::waitUntilFree()
+bool CProductionPTP::deliver(uint32_t type, char* text, const char* who)
 {
-    while (nMessageType != PTP_MSG_NONE) usleep(kRetrySleepUs);
+    for (bool told = false;; told = true) {
+        {
+            std::lock_guard<std::mutex> lock(mHandOver);
+            if (!blMounted) {
+                PM_TRACE("%s: channel stopped, request dropped\n", who);
+                return false;
+            }
+            if (nMessageType == PTP_MSG_NONE) {
+                releaseScriptText(); // a line that a stop left unread
+                pMessageBuffer = text;
+                nMessageType = type;
+                if (pEventFlag != nullptr) pEventFlag->Set(kRequestBit);
+                return true;
+            }
+        }
+        if (!told) PM_TRACE("%s: waiting until the request in service is answered\n", who);
+        usleep(kRetrySleepUs);
+    }
 }
 
 void CProductionPTP::PollingPTPComm()
@@ -188,10 +286,15 @@ uint32_t CProductionPTP::GetPTPMessageType()
 
 _tPM_Command CProductionPTP::ReadScript()
 {
+    char* text = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mHandOver);
+        std::swap(text, pMessageBuffer);
+    }
     _tPM_Command command;
-    if (pMessageBuffer != nullptr) {
-        command = cScript.Parsing(pMessageBuffer);
-        releaseBuffer();
+    if (text != nullptr) {
+        command = cScript.Parsing(text);
+        std::free(text);
     }
     return command;
 }
@@ -220,22 +323,22 @@ int32_t CProductionPTP::ReceivePTP(int& operation, int& p1, int& p2, int& p3, in
         result = -1;
     } else if (size < 1) {
         result = -4;
-    } else if (pMessageBuffer != nullptr) {
+    } else if (pPayload != nullptr) {
         PM_ERROR_LOG("CProductionPTP memory leak\n");
         result = -3;
         PM_ASSERT_FAILED();
     } else {
-        pMessageBuffer = static_cast<char*>(std::malloc(static_cast<size_t>(size)));
-        if (pMessageBuffer == nullptr) {
+        pPayload = static_cast<char*>(std::malloc(static_cast<size_t>(size)));
+        if (pPayload == nullptr) {
             PM_ERROR_LOG("CProductionPTP cannot hold a payload of %ld bytes\n", size);
             result = -2;
         } else {
-            if (std::fread(pMessageBuffer, 1, static_cast<size_t>(size), file) != static_cast<size_t>(size)) {
+            if (std::fread(pPayload, 1, static_cast<size_t>(size), file) != static_cast<size_t>(size)) {
                 result = -2;
             }
             const int32_t keys = readProtocolKeys(operation, p1, p2, p3, p4);
             if (keys != 0) result = keys;
-            if (payload != nullptr) *payload = pMessageBuffer;
+            if (payload != nullptr) *payload = pPayload;
         }
     }
     std::fclose(file);
@@ -249,7 +352,7 @@ int32_t CProductionPTP::SendPTP()
     if (transfer == nullptr) {
         PM_ASSERT_FAILED();
     } else {
-        releaseBuffer();
+        releasePayload();
         const uint32_t type = transfer->GetTransferDataType();
         bool known = true;
         if (type == PTP_TRANSFER_NONE || type == PTP_TRANSFER_RESPOND) {
@@ -273,12 +376,20 @@ int32_t CProductionPTP::SendPTP()
         }
         if (known) transfer->Dispatch();
     }
+    std::lock_guard<std::mutex> lock(mHandOver);
+    releaseScriptText(); // a line the controller never read
     nMessageType = PTP_MSG_NONE;
     return result;
 }
 
-void CProductionPTP::releaseBuffer()
+void CProductionPTP::releaseScriptText()
 {
     std::free(pMessageBuffer);
     pMessageBuffer = nullptr;
+}
+
+void CProductionPTP::releasePayload()
+{
+    std::free(pPayload);
+    pPayload = nullptr;
 }

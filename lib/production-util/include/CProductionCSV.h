@@ -19,8 +19,9 @@
 //    line gets 18, whatever part of it reached the card is cut off again and the
 //    file size does not grow. A header
 //    that cannot be written makes Create return 18 and close the file.
-//  - A line whose end-of-file seek fails is not written and gets 18 (never a
-//    silent loss).
+//  - A line whose end-of-file seek fails (a file that cannot seek, such as a
+//    pipe) is not written, keeps its index and answers 0, with an error log; the
+//    file size counts only bytes that reached the file.
 //  - A stream whose position cannot be taken in Create is closed before 18 is
 //    returned; a second Create closes the stream of the first, and the destructor
 //    closes a file left open, so no stream leaks.
@@ -28,11 +29,21 @@
 //    holds 2 bytes or fewer, or its last index field is empty or longer than 11
 //    characters) the failed check is reported and numbering starts at 0. A last
 //    line without any comma counts as index 0, so the next line gets 1.
-//  - Write's length estimate understands flags, field width, precision and the
-//    h, hh, z, j, t and L length modifiers of the format, so that a format such
-//    as "%5d %s" never makes it take a number for a string; "l" must still be
-//    followed by f, e, g, E or G (anything else is a failed check and gives 19).
-//    A null string argument counts as empty.
+//  - The index is a signed 32-bit number. A table whose last index leaves no
+//    next one (2147483647, or an 11-digit field beyond the range) is refused:
+//    Create answers 18 with an error log and writes nothing, so the operator sees
+//    the station fail and starts a new table, rather than getting wrapped or
+//    repeated indices that no longer tell the lines apart. Once index 2147483647
+//    has been used, further lines get 18 the same way.
+//  - Write's length estimate walks the format as the camera always has: only the
+//    one character after each '%' counts (d i o u x X c, e f g E G, s, and "l"
+//    before f e g E G; anything else advances nothing), so "%.3s" adds no string
+//    and "l" before anything else is a failed check (19). Where that walk would
+//    take a number for the last string (a format with widths or other
+//    modifiers), the argument it names counts only if it really is a string, so
+//    no number is ever read as an address. The text itself is formatted bounded
+//    to 4095 characters; a longer result is a failed check (19). A null string
+//    argument counts as empty.
 //  - An unreadable CIS serial number (adjust data not initialised) is a failed
 //    check: the data line is not written and gets 18 (its index is used up).
 
@@ -64,7 +75,8 @@ public:
     int Write(const char* format, ...) __attribute__((format(printf, 2, 3)));
     /// Writes one header line (header true) or one data line.
     int write(std::string text, bool header);
-    /// The index of the next data line, taken from the open file's last line.
+    /// The index of the next data line, taken from the open file's last line; -1
+    /// (reported) when it does not fit 32 bits.
     int32_t getLineIndex();
     /// Closes the file; in host-link mode hands the collected table to the PC.
     void Close();
@@ -73,8 +85,10 @@ public:
 
 private:
     bool readWholeFile(std::string& content);
+    /// The index after the open file's last line, not limited to 32 bits.
+    int64_t nextLineIndex();
 
-    int32_t nLineIndex;      ///< index of the next data line
+    int64_t nLineIndex;      ///< index of the next data line; past INT32_MAX when none is left
     std::string strPTPData;  ///< the table collected in host-link mode
     FILE* fpCSV;             ///< the open table file (script mode); null when none
     int32_t nFileSize;       ///< bytes in the file

@@ -7,10 +7,12 @@
 #include "kernel.h"
 
 #include <cctype>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -29,36 +31,45 @@ bool isFloatConversion(char c)
     return c == 'e' || c == 'f' || c == 'g' || c == 'E' || c == 'G';
 }
 
-/// Walks the format as vprintf would take its arguments and remembers the last
-/// "%s" string. False for an "l" that is not followed by a floating conversion.
-bool findLastString(const char* format, va_list args, const char*& lastString)
+/// The format's arguments as vprintf takes them: for each one its text when it
+/// is the string of a "%s" (null otherwise). False when the format numbers its
+/// arguments ("%1$s"); the list then stops there.
+bool listArguments(const char* format, va_list args, std::vector<const char*>& strings)
 {
-    lastString = nullptr;
     for (const char* p = format; *p != '\0'; ++p) {
         if (*p != '%') continue;
         ++p;
         while (*p != '\0' && std::strchr("-+ #0'", *p) != nullptr) ++p;
         if (*p == '*') {
             (void)va_arg(args, int);
+            strings.push_back(nullptr);
             ++p;
         } else {
             while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
         }
+        if (*p == '$') return false;
         if (*p == '.') {
             ++p;
             if (*p == '*') {
                 (void)va_arg(args, int);
+                strings.push_back(nullptr);
                 ++p;
             } else {
                 while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
             }
         }
-        // Length modifiers other than "l" pick the argument's real size.
-        enum { kInt, kWide, kLongDouble } size = kInt;
+        enum { kInt, kLong, kWide, kLongDouble } size = kInt;
         if (*p == 'h') {
             ++p;
             if (*p == 'h') ++p;
-        } else if (*p == 'z' || *p == 'j' || *p == 't') {
+        } else if (*p == 'l') {
+            size = kLong;
+            ++p;
+            if (*p == 'l') {
+                size = kWide;
+                ++p;
+            }
+        } else if (*p == 'z' || *p == 'j' || *p == 't' || *p == 'q') {
             size = kWide;
             ++p;
         } else if (*p == 'L') {
@@ -71,9 +82,12 @@ bool findLastString(const char* format, va_list args, const char*& lastString)
         case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c':
             if (size == kWide) {
                 (void)va_arg(args, long long);
+            } else if (size == kLong) {
+                (void)va_arg(args, long);
             } else {
                 (void)va_arg(args, int);
             }
+            strings.push_back(nullptr);
             break;
         case 'e': case 'f': case 'g': case 'E': case 'G': case 'F': case 'a': case 'A':
             if (size == kLongDouble) {
@@ -81,23 +95,50 @@ bool findLastString(const char* format, va_list args, const char*& lastString)
             } else {
                 (void)va_arg(args, double);
             }
+            strings.push_back(nullptr);
             break;
         case 's':
-            lastString = va_arg(args, const char*);
+            strings.push_back(va_arg(args, const char*));
             break;
         case 'p': case 'n':
             (void)va_arg(args, void*);
-            break;
-        case 'l':
-            if (!isFloatConversion(p[1])) return false;
-            (void)va_arg(args, double);
-            ++p;
+            strings.push_back(nullptr);
             break;
         default:
             break;
         }
     }
     return true;
+}
+
+/// The length estimate's own walk of the format: only the one character after
+/// each '%' counts (width, precision and flags are not understood). Gives the
+/// position of the argument that this walk takes for the last "%s" (-1 for
+/// none); false for an "l" that is not followed by a floating conversion.
+bool lastStringPosition(const char* format, int& position)
+{
+    position = -1;
+    int next = 0;
+    for (const char* p = format; *p != '\0'; ++p) {
+        if (*p != '%') continue;
+        const char c = *++p;
+        if (c == '\0') break;
+        if (std::strchr("diouxXc", c) != nullptr || isFloatConversion(c)) {
+            ++next;
+        } else if (c == 's') {
+            position = next++;
+        } else if (c == 'l') {
+            if (!isFloatConversion(p[1])) return false;
+            ++next;
+            ++p;
+        }
+    }
+    return true;
+}
+
+bool fitsIndex(int64_t index)
+{
+    return index >= INT32_MIN && index <= INT32_MAX;
 }
 
 } // namespace
@@ -153,7 +194,15 @@ int CProductionCSV::Create(std::string name, std::string header)
         nFileSize = 0;
         return PM_CSV_FILE_ERROR;
     }
-    nLineIndex = getLineIndex();
+    const int64_t next = nextLineIndex();
+    if (!fitsIndex(next)) {
+        PM_ERROR_LOG("CSV %s: the index after its last line (%" PRId64 ") does not fit; start a new table\n",
+                     name.c_str(), next);
+        std::fclose(fpCSV);
+        fpCSV = nullptr;
+        return PM_CSV_FILE_ERROR;
+    }
+    nLineIndex = next;
     return PM_CSV_OK;
 }
 
@@ -161,12 +210,17 @@ int CProductionCSV::Write(const char* format, ...)
 {
     if (format == nullptr) return PM_CSV_OK;
 
-    const char* lastString = nullptr;
+    int position = -1;
+    PM_CHECK(lastStringPosition(format, position), PM_CSV_LENGTH_ERROR);
+    // The walk above may take a number for a string where the format has widths or
+    // modifiers; the argument is looked at only when it really is a string.
+    std::vector<const char*> strings;
     va_list walk;
     va_start(walk, format);
-    const bool understood = findLastString(format, walk, lastString);
+    listArguments(format, walk, strings);
     va_end(walk);
-    PM_CHECK(understood, PM_CSV_LENGTH_ERROR);
+    const char* lastString =
+        position >= 0 && static_cast<size_t>(position) < strings.size() ? strings[static_cast<size_t>(position)] : nullptr;
 
     const size_t estimate = std::strlen(format) + (lastString != nullptr ? std::strlen(lastString) : 0);
     if (estimate == 0 || estimate > static_cast<size_t>(kLineMax)) return PM_CSV_LENGTH_ERROR;
@@ -187,7 +241,11 @@ int CProductionCSV::write(std::string text, bool header)
     if (header) {
         line = kHeaderStart + line;
     } else {
-        const int32_t index = nLineIndex++;
+        if (!fitsIndex(nLineIndex)) {
+            PM_ERROR_LOG("CSV table full: no index left for another line\n");
+            return PM_CSV_FILE_ERROR;
+        }
+        const int64_t index = nLineIndex++;
         int32_t serial = 0;
         PM_CHECK(CAdjustDataManager::GetInstance()->GetData(kAdjustCisSn, &serial, sizeof serial), PM_CSV_FILE_ERROR);
         line = std::to_string(index) + "," + std::to_string(serial) + line;
@@ -202,7 +260,11 @@ int CProductionCSV::write(std::string text, bool header)
         PM_TRACE("Not Ready to Write write\n");
         return PM_CSV_FILE_ERROR;
     }
-    if (std::fseek(fpCSV, 0, SEEK_END) != 0) return PM_CSV_FILE_ERROR;
+    if (std::fseek(fpCSV, 0, SEEK_END) != 0) {
+        // The line is lost but answers 0 and keeps its index; only what reached the file is counted.
+        PM_ERROR_LOG("CSV file cannot be positioned: a line of %zu bytes is not written\n", line.size());
+        return PM_CSV_OK;
+    }
     if (std::fwrite(line.data(), line.size(), 1, fpCSV) != 1) {
         // Cut off what part of the line reached the card: the table never ends in half a line.
         std::clearerr(fpCSV);
@@ -229,6 +291,16 @@ bool CProductionCSV::readWholeFile(std::string& content)
 
 int32_t CProductionCSV::getLineIndex()
 {
+    const int64_t next = nextLineIndex();
+    if (!fitsIndex(next)) {
+        PM_ERROR_LOG("CSV: the index after the last line (%" PRId64 ") does not fit\n", next);
+        return -1;
+    }
+    return static_cast<int32_t>(next);
+}
+
+int64_t CProductionCSV::nextLineIndex()
+{
     if (nFileSize == 0 || fpCSV == nullptr) return 0;
 
     std::string content;
@@ -248,8 +320,9 @@ int32_t CProductionCSV::getLineIndex()
         return 0;
     }
     if (field == "Index") return 0;
-    const int32_t next = std::atoi(field.c_str()) + 1;
-    PM_TRACE("Get Last Line Index [%d]\n", next);
+    // Read as atoi would, but wide enough for any 11 characters: nothing wraps.
+    const int64_t next = std::strtoll(field.c_str(), nullptr, 10) + 1;
+    PM_TRACE("Get Last Line Index [%" PRId64 "]\n", next);
     return next;
 }
 
