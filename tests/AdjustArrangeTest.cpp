@@ -24,30 +24,6 @@ CAdjustDataManager* Manager()
     return CAdjustDataManager::GetInstance();
 }
 
-int CatalogueId(const std::string& name)
-{
-    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id)
-        if (name == ADJUST_DATA_LIST[id].name) return id;
-    return -1;
-}
-
-// What every item must read after the start: its stored bytes cut or zero-extended to
-// the catalogue size, or its default when the store lacked it. The last record of a name
-// is the one that counts.
-std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored)
-{
-    std::map<int, Bytes> expected;
-    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) expected[id] = DefaultBytes(id);
-    for (const StoredItem& item : stored) {
-        const int id = CatalogueId(item.name);
-        if (id < 0) continue;
-        Bytes value = item.bytes;
-        value.resize(ADJUST_DATA_LIST[id].size, 0);
-        expected[id] = value;
-    }
-    return expected;
-}
-
 void ExpectStoreHolds(const std::map<int, Bytes>& expected, const std::vector<std::string>& recordOrder)
 {
     EXPECT_EQ("", LayoutProblem());

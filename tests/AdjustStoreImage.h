@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -135,6 +136,52 @@ inline Bytes ItemBytes(int id)
     Bytes bytes(ADJUST_DATA_LIST[id].size);
     if (!item->Get(bytes.data(), bytes.size())) return Bytes();
     return bytes;
+}
+
+/// The catalogue id of a name, -1 when no row has it.
+inline int CatalogueId(const std::string& name)
+{
+    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id)
+        if (name == ADJUST_DATA_LIST[id].name) return id;
+    return -1;
+}
+
+// What every item must read after the start: its stored bytes cut or zero-extended to
+// the catalogue size, or its default when the store lacked it. The last record of a name
+// is the one that counts.
+inline std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored)
+{
+    std::map<int, Bytes> expected;
+    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) expected[id] = DefaultBytes(id);
+    for (const StoredItem& item : stored) {
+        const int id = CatalogueId(item.name);
+        if (id < 0) continue;
+        Bytes value = item.bytes;
+        value.resize(ADJUST_DATA_LIST[id].size, 0);
+        expected[id] = value;
+    }
+    return expected;
+}
+
+/// Empty when the group image holds exactly the catalogue's records (each once, at its
+/// catalogue size, back to back) and every item, in the image and through the manager,
+/// holds its expected bytes; otherwise the first thing that is wrong.
+inline std::string StoreProblem(const std::map<int, Bytes>& expected)
+{
+    const std::string layout = LayoutProblem();
+    if (!layout.empty()) return layout;
+    const std::vector<Record> records = ReadRecords();
+    if (records.size() != expected.size()) return std::to_string(records.size()) + " records";
+    std::map<int, bool> seen;
+    for (const Record& record : records) {
+        const int id = CatalogueId(record.name);
+        if (id < 0 || seen[id]) return "record " + record.name + " unknown or repeated";
+        seen[id] = true;
+        if (record.size != ADJUST_DATA_LIST[id].size) return record.name + " has size " + std::to_string(record.size);
+        if (ReadBody(record) != expected.at(id)) return record.name + " holds other bytes";
+        if (ItemBytes(id) != expected.at(id)) return "the manager reads other bytes for " + record.name;
+    }
+    return "";
 }
 
 /// The directories a camera's NAND partitions hold: the change log's "/adj" and the

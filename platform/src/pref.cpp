@@ -15,6 +15,9 @@
 // pref_load with no NAND copy (a new device) puts the image to the defaults and
 // succeeds; a NAND copy that is refused fails the load and leaves the image, or,
 // at a group's first use, starts it from the defaults (reported to the system log).
+// A group started that way is not saved over its NAND copy (pref_save fails) until a
+// pref_load, pref_load_from_file or pref_reset succeeds: a copy that could not be read
+// once (a transient I/O error) is never replaced by defaults nobody asked for.
 
 #include "pref.h"
 #include "pref_sim.h"
@@ -55,12 +58,13 @@ struct Group {
     unsigned long size;
     unsigned char* image; // allocated once, never freed: addresses handed out stay valid
     bool loaded;
+    bool nandUnread; // started from defaults because its NAND copy was refused
     int saves;
 };
 
 struct Store {
     std::mutex mutex;
-    Group groups[2] = {{1, kGroup1Size, nullptr, false, 0}, {3, kGroup3Size, nullptr, false, 0}};
+    Group groups[2] = {{1, kGroup1Size, nullptr, false, false, 0}, {3, kGroup3Size, nullptr, false, false, 0}};
     int failNext[PREF_SIM_OP_COUNT] = {};
     bool diskFull = false;
 };
@@ -288,6 +292,7 @@ int loadFromNand(Group& g)
         return -1;
     }
     g.loaded = true;
+    g.nandUnread = false;
     return 0;
 }
 
@@ -299,6 +304,7 @@ void ensureLoaded(Group& g)
     if (loadFromNand(g) < 0) {
         fillDefaults(g);
         g.loaded = true;
+        g.nandUnread = true;
     }
 }
 
@@ -333,6 +339,10 @@ extern "C" int pref_save(int group)
     Group* g = findGroup(s, group);
     if (g == nullptr || injectedFailure(s, PREF_SIM_OP_SAVE)) return -1;
     ensureLoaded(*g);
+    if (g->nandUnread) {
+        report("pref_save: %s, group %d\n", "its NAND copy could not be read, not saved over it", group);
+        return -1;
+    }
     std::error_code ec;
     std::filesystem::create_directories(KernelPath(kNandDir), ec);
     if (!writeAtomically(KernelPath(nandDevicePath(group).c_str()), frame(*g), s.diskFull)) {
@@ -352,6 +362,7 @@ extern "C" int pref_reset(int group)
     allocate(*g);
     fillDefaults(*g);
     g->loaded = true;
+    g->nandUnread = false;
     return 0;
 }
 
@@ -448,6 +459,7 @@ extern "C" int pref_load_from_file(int group, const char* path)
     allocate(*g);
     std::memcpy(g->image, image.data(), g->size);
     g->loaded = true;
+    g->nandUnread = false;
     return 0;
 }
 

@@ -9,9 +9,21 @@
 
 namespace fs = std::filesystem;
 
-TestRoot::TestRoot()
+namespace {
+
+fs::path rootParent(bool inMemory)
 {
-    std::string pattern = (fs::temp_directory_path() / "pmode-test-XXXXXX").string();
+    constexpr unsigned long long kRoomNeeded = 512ULL << 20;
+    std::error_code ec;
+    if (inMemory && fs::space("/dev/shm", ec).available >= kRoomNeeded && !ec) return "/dev/shm";
+    return fs::temp_directory_path();
+}
+
+} // namespace
+
+TestRoot::TestRoot(bool inMemory)
+{
+    std::string pattern = (rootParent(inMemory) / "pmode-test-XXXXXX").string();
     char* made = mkdtemp(pattern.data());
     if (made == nullptr) ADD_FAILURE() << "cannot create a temporary root";
     m_dir = pattern;

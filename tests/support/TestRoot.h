@@ -6,7 +6,9 @@
 
 class TestRoot {
 public:
-    TestRoot();
+    /// With inMemory the root lies below /dev/shm when that has room (fault sweeps save
+    /// the 5 MB adjust group hundreds of times), else in the temporary directory.
+    explicit TestRoot(bool inMemory = false);
     ~TestRoot();
     TestRoot(const TestRoot&) = delete;
     TestRoot& operator=(const TestRoot&) = delete;

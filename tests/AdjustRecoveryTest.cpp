@@ -1,0 +1,363 @@
+// The adjust data after a failure: a write that was not saved is never acknowledged, a
+// half-done re-arrangement never reaches NAND, broken records keep every value they can,
+// and a fault at any file operation (an I/O error, or power lost there) leaves NAND
+// holding one whole image and every acknowledged value.
+#include "AdjustStoreImage.h"
+#include "CAdjustData.h"
+#include "CAdjustDataManager.h"
+#include "FileFaults.h"
+#include "PMReport.h"
+#include "TestRoot.h"
+#include "pref.h"
+#include "pref_sim.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+
+using namespace adjtest;
+
+namespace {
+
+CAdjustDataManager* Manager()
+{
+    return CAdjustDataManager::GetInstance();
+}
+
+size_t Occurrences(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+}
+
+std::string NandImage(const TestRoot& root)
+{
+    char path[256];
+    pref_sim_nand_path(kAdjustGroup, path, sizeof path);
+    return root.ReadFile(path);
+}
+
+std::map<int, Bytes> CatalogueValues()
+{
+    return ExpectedValues(CatalogueWithPatterns());
+}
+
+// A store of another software version: one unknown item to delete, one item stored
+// shorter than the catalogue says (it grows), one row missing (it is added).
+std::vector<StoredItem> StoreNeedingEveryKindOfChange()
+{
+    std::vector<StoredItem> stored = CatalogueWithPatterns();
+    stored.erase(stored.begin() + ADJUST_CIS_CLAMP_LEVEL);
+    stored[ADJUST_CIS_SN].bytes = Bytes{7, 7};
+    stored.insert(stored.begin() + 5, StoredItem{"ADJUST_RETIRED_TABLE", Bytes(24, 0xC5)});
+    return stored;
+}
+
+TEST(AdjustRecoveryTest, SyncedWriteThatIsNotSavedAnswersFalseAndLeavesTheSavedValue)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    WriteStore(CatalogueWithPatterns());
+    pref_sim_forget_images();
+    Manager()->Initialize();
+
+    struct Case {
+        const char* name;
+        std::function<void()> fault;
+    };
+    const Case cases[] = {
+        {"the save fails once", [] { pref_sim_fail_next(PREF_SIM_OP_SAVE, 1); }},
+        {"NAND is full", [] { pref_sim_set_disk_full(1); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const unsigned long assertions = pm::AssertionCount();
+        const size_t syncsDone = Occurrences(root.ReadFile("/mnt/ubi1/log/adj_log.inf"), "SetData(): sync done");
+        uint32_t value = 0x5EAD;
+        c.fault();
+        EXPECT_FALSE(Manager()->SetData(ADJUST_CIS_SN, &value, 4, true));
+        pref_sim_set_disk_full(0);
+        EXPECT_LT(assertions, pm::AssertionCount());
+        EXPECT_EQ(syncsDone, Occurrences(root.ReadFile("/mnt/ubi1/log/adj_log.inf"), "SetData(): sync done"));
+        EXPECT_EQ(Pattern(ADJUST_CIS_SN, 4), ItemBytes(ADJUST_CIS_SN)) << "the manager is back on NAND's value";
+        Restart();
+        EXPECT_EQ("", StoreProblem(CatalogueValues()));
+    }
+
+    uint32_t value = 0x5EAD;
+    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &value, 4, true));
+    Restart();
+    EXPECT_EQ(Bytes({0xAD, 0x5E, 0, 0}), ItemBytes(ADJUST_CIS_SN));
+}
+
+TEST(AdjustRecoveryTest, FreshStoreThatCannotBeSavedIsNotServedUntilItIs)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    const unsigned long assertions = pm::AssertionCount();
+    // The build and the start again from NAND both fail to save.
+    pref_sim_fail_next(PREF_SIM_OP_SAVE, 2);
+    Manager()->Initialize();
+    EXPECT_LT(assertions, pm::AssertionCount());
+    EXPECT_EQ(nullptr, Manager()->find(ADJUST_CIS_SN));
+    EXPECT_EQ(std::string::npos, root.ReadFile("/mnt/ubi1/log/adj_log.inf").find("makeAdjustHeaderInfo(): sync done"));
+    EXPECT_EQ("", NandImage(root)) << "nothing reached NAND";
+
+    // The next call starts again, and this time the save goes through.
+    uint8_t checksum = 0xFF;
+    EXPECT_TRUE(Manager()->GetData(ADJUST_CHECKSUM1, &checksum, 1));
+    EXPECT_EQ(DefaultBytes(ADJUST_CHECKSUM1)[0], checksum);
+    Restart();
+    EXPECT_EQ("", StoreProblem(ExpectedValues({})));
+}
+
+TEST(AdjustRecoveryTest, BlankRecordIsDeletedAndNeverStopsASave)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    std::vector<StoredItem> stored = StoreNeedingEveryKindOfChange();
+    stored.insert(stored.begin() + 3, StoredItem{"", Bytes()});
+    WriteStore(stored);
+    pref_sim_forget_images();
+    const unsigned long assertions = pm::AssertionCount();
+    Manager()->Initialize();
+    EXPECT_EQ(assertions, pm::AssertionCount());
+    EXPECT_EQ("", StoreProblem(ExpectedValues(stored)));
+
+    uint32_t value = 0xC0FFEE;
+    EXPECT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &value, 4, true));
+    Restart();
+    EXPECT_EQ(Bytes({0xEE, 0xFF, 0xC0, 0}), ItemBytes(ADJUST_CIS_SN));
+}
+
+TEST(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValue)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    root.WriteFile("/mnt/mmc/.keep", "");
+    // The body's length word is 2 bytes short: only the last item is incomplete.
+    WriteStore(CatalogueWithPatterns());
+    pref_set_long(kAdjustGroup, kBodyLengthAt, kFreshBodyBytes - 2);
+    pref_save(kAdjustGroup);
+    pref_sim_forget_images();
+    const std::string nand = NandImage(root);
+
+    const int saves = pref_sim_save_count(kAdjustGroup);
+    Manager()->Initialize();
+    EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup)) << "sizes match the catalogue: nothing is written";
+    for (int id = 0; id < ADJUST_GYRO_DSP_THERM; ++id) EXPECT_EQ(Pattern(id, ADJUST_DATA_LIST[id].size), ItemBytes(id)) << id;
+    Bytes last(ADJUST_DATA_LIST[ADJUST_GYRO_DSP_THERM].size);
+    EXPECT_FALSE(Manager()->GetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size()));
+
+    // A dump of it, loaded on a camera with values of its own, brings the dump's values.
+    std::string dump = "/mnt/mmc/short.dump";
+    ASSERT_TRUE(Manager()->DumpData2File(dump.data()));
+    Manager()->Finalize();
+    WriteStore({});
+    pref_sim_forget_images();
+    Manager()->Initialize();
+    ASSERT_TRUE(Manager()->LoadDataFromFile(dump.data()));
+    Restart();
+    for (int id = 0; id < ADJUST_GYRO_DSP_THERM; ++id) EXPECT_EQ(Pattern(id, ADJUST_DATA_LIST[id].size), ItemBytes(id)) << id;
+}
+
+TEST(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItKeepsTheCamerasData)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    root.WriteFile("/mnt/mmc/.keep", "");
+    // Needs a re-arrangement, and its last record reaches past the body.
+    WriteStore(StoreNeedingEveryKindOfChange());
+    pref_set_long(kAdjustGroup, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt) - 2);
+    pref_save(kAdjustGroup);
+    std::string broken = "/mnt/mmc/broken.dump";
+    ASSERT_EQ(0, pref_save_to_file(kAdjustGroup, broken.c_str()));
+    pref_sim_forget_images();
+    const std::string nand = NandImage(root);
+
+    const unsigned long assertions = pm::AssertionCount();
+    Manager()->Initialize();
+    EXPECT_LT(assertions, pm::AssertionCount());
+    EXPECT_EQ(nand, NandImage(root)) << "nothing is written";
+    uint32_t serial = 0;
+    EXPECT_FALSE(Manager()->GetData(ADJUST_CIS_SN, &serial, 4));
+
+    // A camera with good data refuses the broken file and keeps its own.
+    Manager()->Finalize();
+    WriteStore(CatalogueWithPatterns());
+    pref_sim_forget_images();
+    Manager()->Initialize();
+    EXPECT_FALSE(Manager()->LoadDataFromFile(broken.data()));
+    EXPECT_EQ("", StoreProblem(CatalogueValues()));
+    Restart();
+    EXPECT_EQ("", StoreProblem(CatalogueValues()));
+}
+
+TEST(AdjustRecoveryTest, LineValueThatCannotBeReadAnswersFalseAndLeavesTheBuffer)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    int32_t value = 0x1234;
+    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
+    EXPECT_FALSE(Manager()->GetData(139, &value, 4));
+    EXPECT_EQ(0x1234, value);
+    EXPECT_FALSE(Manager()->GetData(144, &value, 4));
+    EXPECT_EQ(0x1234, value);
+    EXPECT_TRUE(Manager()->GetData(139, &value, 4)) << "the next read loads the group again";
+    EXPECT_EQ(0, value);
+}
+
+// Fault sweeps. Each point runs the operation on a fresh copy of the same NAND with one
+// file operation failing, failing from there on, or the process killed there; then the
+// camera restarts and must find one whole image and every acknowledged value.
+struct SweepCounts {
+    long points = 0;
+    long torn = 0;
+    long lost = 0;
+};
+
+void Report(const char* what, const SweepCounts& counts)
+{
+    std::cout << what << ": " << counts.points << " fault points, " << counts.torn << " torn images, " << counts.lost
+              << " lost values\n";
+    EXPECT_GT(counts.points, 10);
+    EXPECT_EQ(0, counts.torn);
+    EXPECT_EQ(0, counts.lost);
+}
+
+// Runs op in a child that is killed at file operation `at`; true when it was.
+bool KilledAt(long at, const std::function<void()>& op)
+{
+    std::cout.flush();
+    const pid_t child = fork();
+    if (child == 0) {
+        filefaults::Arm(filefaults::Action::Kill, at);
+        op();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+// Counts and names the file operations of op.
+std::vector<long> PointsOf(const std::function<void()>& op)
+{
+    filefaults::Arm(filefaults::Action::Count);
+    op();
+    filefaults::Disarm();
+    return filefaults::SweepPoints(filefaults::Names());
+}
+
+const filefaults::Action kFaults[] = {filefaults::Action::FailOnce, filefaults::Action::FailFrom,
+                                      filefaults::Action::Kill};
+
+TEST(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
+{
+    TestRoot root(true);
+    MakeDeviceDirs(root);
+    const uint32_t written = 0xA5A5F00D;
+    const Bytes writtenBytes{0x0D, 0xF0, 0xA5, 0xA5};
+    const uint8_t followUp = 0x42;
+    auto prepare = [&] {
+        Manager()->Finalize();
+        WriteStore(CatalogueWithPatterns());
+        pref_sim_forget_images();
+        Manager()->Initialize();
+    };
+    bool answered = false;
+    auto op = [&] {
+        uint32_t value = written;
+        answered = Manager()->SetData(ADJUST_CIS_SN, &value, 4, true);
+    };
+    prepare();
+    const std::vector<long> points = PointsOf(op);
+
+    SweepCounts counts;
+    for (filefaults::Action action : kFaults) {
+        for (long at : points) {
+            prepare();
+            answered = false;
+            if (action == filefaults::Action::Kill) {
+                if (!KilledAt(at, op)) continue;
+            } else {
+                filefaults::Arm(action, at);
+                op();
+                filefaults::Disarm();
+                // The camera goes on: a later synced write must not save anything half-done.
+                uint8_t value = followUp;
+                EXPECT_TRUE(Manager()->SetData(ADJUST_CHECKSUM2, &value, 1, true)) << "point " << at;
+            }
+            ++counts.points;
+            Restart();
+            std::map<int, Bytes> expected = CatalogueValues();
+            if (action != filefaults::Action::Kill) expected[ADJUST_CHECKSUM2] = Bytes{followUp};
+            const Bytes serial = ItemBytes(ADJUST_CIS_SN);
+            if (answered && serial != writtenBytes) ++counts.lost;
+            if (serial == writtenBytes) expected[ADJUST_CIS_SN] = writtenBytes;
+            const std::string problem = StoreProblem(expected);
+            if (!problem.empty()) {
+                ++counts.torn;
+                ADD_FAILURE() << "point " << at << ": " << problem;
+            }
+        }
+    }
+    Report("synced SetData", counts);
+}
+
+TEST(AdjustRecoveryTest, StartUpReArrangementSurvivesAFaultAtEveryFileOperation)
+{
+    TestRoot root(true);
+    MakeDeviceDirs(root);
+    const std::vector<StoredItem> stored = StoreNeedingEveryKindOfChange();
+    const std::map<int, Bytes> expected = ExpectedValues(stored);
+    auto prepare = [&] {
+        Manager()->Finalize();
+        WriteStore(stored);
+        pref_sim_forget_images();
+    };
+    auto op = [] { Manager()->Initialize(); };
+    prepare();
+    const std::string oldImage = NandImage(root);
+    const std::vector<long> points = PointsOf(op);
+    ASSERT_EQ("", StoreProblem(expected));
+    const std::string newImage = NandImage(root);
+
+    SweepCounts counts;
+    for (filefaults::Action action : kFaults) {
+        for (long at : points) {
+            prepare();
+            if (action == filefaults::Action::Kill) {
+                if (!KilledAt(at, op)) continue;
+            } else {
+                filefaults::Arm(action, at);
+                op();
+                filefaults::Disarm();
+                // Whatever the manager serves now is right, or it serves nothing.
+                if (Manager()->find(ADJUST_CIS_SN) != nullptr && !StoreProblem(expected).empty()) ++counts.lost;
+            }
+            ++counts.points;
+            const std::string nand = NandImage(root);
+            if (nand != oldImage && nand != newImage) {
+                ++counts.torn;
+                ADD_FAILURE() << "point " << at << ": NAND holds neither the old nor the new image";
+            }
+            Restart();
+            const std::string problem = StoreProblem(expected);
+            if (!problem.empty()) {
+                ++counts.lost;
+                ADD_FAILURE() << "point " << at << " after restart: " << problem;
+            }
+        }
+    }
+    Report("start-up re-arrangement", counts);
+}
+
+} // namespace
