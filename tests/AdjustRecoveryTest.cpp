@@ -263,7 +263,6 @@ TEST(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
 {
     TestRoot root(true);
     MakeDeviceDirs(root);
-    const uint32_t written = 0xA5A5F00D;
     const Bytes writtenBytes{0x0D, 0xF0, 0xA5, 0xA5};
     const uint8_t followUp = 0x42;
     auto prepare = [&] {
@@ -274,11 +273,14 @@ TEST(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
     };
     bool answered = false;
     auto op = [&] {
-        uint32_t value = written;
+        uint32_t value = 0xA5A5F00D;
         answered = Manager()->SetData(ADJUST_CIS_SN, &value, 4, true);
     };
     prepare();
+    const std::string oldImage = NandImage(root);
     const std::vector<long> points = PointsOf(op);
+    const std::string newImage = NandImage(root);
+    ASSERT_TRUE(answered);
 
     SweepCounts counts;
     for (filefaults::Action action : kFaults) {
@@ -291,17 +293,29 @@ TEST(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
                 filefaults::Arm(action, at);
                 op();
                 filefaults::Disarm();
-                // The camera goes on: a later synced write must not save anything half-done.
-                uint8_t value = followUp;
-                EXPECT_TRUE(Manager()->SetData(ADJUST_CHECKSUM2, &value, 1, true)) << "point " << at;
             }
             ++counts.points;
-            Restart();
+            const std::string nand = NandImage(root);
+            if (nand != oldImage && nand != newImage) ++counts.torn;
+            if (answered && nand != newImage) {
+                ++counts.lost;
+                ADD_FAILURE() << "point " << at << ": acknowledged but not on NAND";
+            }
             std::map<int, Bytes> expected = CatalogueValues();
-            if (action != filefaults::Action::Kill) expected[ADJUST_CHECKSUM2] = Bytes{followUp};
-            const Bytes serial = ItemBytes(ADJUST_CIS_SN);
-            if (answered && serial != writtenBytes) ++counts.lost;
-            if (serial == writtenBytes) expected[ADJUST_CIS_SN] = writtenBytes;
+            if (nand == newImage) expected[ADJUST_CIS_SN] = writtenBytes;
+            if (action != filefaults::Action::Kill) {
+                // What the manager serves now is what NAND holds, and a later synced
+                // write must not save anything half-done with it.
+                Bytes served(4);
+                if (!Manager()->GetData(ADJUST_CIS_SN, served.data(), served.size()) || served != expected[ADJUST_CIS_SN]) {
+                    ++counts.lost;
+                    ADD_FAILURE() << "point " << at << ": the manager serves what NAND does not hold";
+                }
+                uint8_t value = followUp;
+                EXPECT_TRUE(Manager()->SetData(ADJUST_CHECKSUM2, &value, 1, true)) << "point " << at;
+                expected[ADJUST_CHECKSUM2] = Bytes{followUp};
+            }
+            Restart();
             const std::string problem = StoreProblem(expected);
             if (!problem.empty()) {
                 ++counts.torn;
