@@ -228,8 +228,8 @@ TEST(AdjtoolTest, NothingIsShownOrPassedThatWasNotSaved)
     const Case cases[] = {
         {Root(root) + "set ADJUST_CIS_SN 5", "ADJUST_CIS_SN was not saved", "5 (0x00000005)"},
         {Root(root) + "reset ADJUST_CIS_SN", "ADJUST_CIS_SN was not reset", "0 (0x00000000)"},
-        {Root(root) + "set 135 7", "refused to set LINE_CONTROL_NEXT_STEP", "line        4  7"},
-        {Root(root) + "reset line", "the line values could not be reset", "line values reset"},
+        {Root(root) + "set 135 7", "LINE_CONTROL_NEXT_STEP was not saved", "line        4  7"},
+        {Root(root) + "reset line", "the line values were not reset", "line values reset"},
         {Root(root) + "dump " + root.Dir() + "/again.dump", "dump to", "dumped"},
         {Root(root) + "load " + saved, "loading " + saved + " failed", "loaded"},
         {"--image " + saved + " set ADJUST_CIS_SN 6", "ADJUST_CIS_SN was not saved", "6 (0x00000006)"},

@@ -629,7 +629,7 @@ bool saveGroup(CAdjustDataManager* manager)
 void commandSet(CAdjustDataManager* manager, int id, const std::string& valueText)
 {
     const std::string unchanged = "; its value on the device is unchanged";
-    const std::string refused = "the library refused to set " + itemName(id) + unchanged;
+    const std::string refused = itemName(id) + " was not saved: the library refused the value" + unchanged;
     if (isLineId(id)) {
         long long number = 0;
         if (!parseInteger(valueText, number) || number < INT32_MIN || number > INT32_MAX)
@@ -649,7 +649,7 @@ void commandSet(CAdjustDataManager* manager, int id, const std::string& valueTex
 int commandReset(CAdjustDataManager* manager, const std::string& itemText)
 {
     if (lowerCase(itemText) == "line") {
-        if (!manager->ResetData(LINE_DATA_ID_FIRST)) throw NotDone{"the line values could not be reset"};
+        if (!manager->ResetData(LINE_DATA_ID_FIRST)) throw NotDone{"the line values were not reset: the library refused"};
         requireNoFailedCheck("the line values were not reset");
         return -1;
     }
@@ -657,7 +657,8 @@ int commandReset(CAdjustDataManager* manager, const std::string& itemText)
     if (isLineId(id)) throw UsageError{"line values are reset together: use 'reset line'"};
     // ResetData of an item the store lacks resets the whole adjust group: refuse that here.
     if (manager->find(id) == nullptr) throw NotDone{itemName(id) + " is missing from the store"};
-    if (!manager->ResetData(id) || !saveGroup(manager)) throw NotDone{itemName(id) + " could not be reset and saved"};
+    if (!manager->ResetData(id) || !saveGroup(manager))
+        throw NotDone{itemName(id) + " was not reset on the device: the library refused the reset or the save"};
     requireNoFailedCheck(itemName(id) + " was not reset on the device");
     return id;
 }
