@@ -1,5 +1,6 @@
 // The adjtool program, run as a production engineer would run it on a device root.
 #include "AdjustStoreImage.h"
+#include "FileSizeLimit.h"
 #include "TestRoot.h"
 #include "pref.h"
 #include "pref_sim.h"
@@ -8,8 +9,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <sys/wait.h>
+#include <vector>
 
 using namespace adjtest;
 
@@ -26,10 +29,11 @@ std::string ToolPath()
     return std::string(dir != nullptr ? dir : ".") + "/tools/adjtool/adjtool";
 }
 
-// Runs adjtool with the arguments (already quoted for the shell), stdout and stderr together.
-ToolRun Adjtool(const std::string& arguments)
+// Runs adjtool with the arguments (already quoted for the shell), stdout and stderr
+// together; environment (such as "env -u PMODE_ROOT") goes before the program.
+ToolRun Adjtool(const std::string& arguments, const std::string& environment = "")
 {
-    const std::string command = ToolPath() + " " + arguments + " 2>&1";
+    const std::string command = environment + " " + ToolPath() + " " + arguments + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return {-1, "popen failed"};
     std::string output;
@@ -207,6 +211,78 @@ TEST(AdjtoolTest, BadInputGetsAMessageAndANonZeroStatus)
     }
     // None of it touched the device's adjust data.
     EXPECT_EQ(0, Adjtool(Root(root) + "verify").status);
+}
+
+TEST(AdjtoolTest, NothingIsShownOrPassedThatWasNotSaved)
+{
+    TestRoot root;
+    MakeDeviceDirs(root);
+    const std::string saved = root.Dir() + "/saved.dump";
+    ASSERT_EQ(0, Adjtool(Root(root) + "set ADJUST_CIS_SN 9").status);
+    ASSERT_EQ(0, Adjtool(Root(root) + "dump " + saved).status);
+    struct Case {
+        std::string arguments;
+        std::string message;
+        std::string notShown; // what a report of the work done would print
+    };
+    const Case cases[] = {
+        {Root(root) + "set ADJUST_CIS_SN 5", "ADJUST_CIS_SN was not saved", "5 (0x00000005)"},
+        {Root(root) + "reset ADJUST_CIS_SN", "ADJUST_CIS_SN was not reset", "0 (0x00000000)"},
+        {Root(root) + "set 135 7", "LINE_CONTROL_NEXT_STEP was not saved", "line        4  7"},
+        {Root(root) + "reset line", "the line values were not reset", "line values reset"},
+        {Root(root) + "dump " + root.Dir() + "/again.dump", "dump to", "dumped"},
+        {Root(root) + "load " + saved, "loading " + saved + " failed", "loaded"},
+        {"--image " + saved + " set ADJUST_CIS_SN 6", "ADJUST_CIS_SN was not saved", "6 (0x00000006)"},
+    };
+    std::vector<ToolRun> runs;
+    {
+        // A NAND (and an image file) too small for any group: every save fails. The
+        // test's own output may be a file too, so nothing is reported in this scope.
+        FileSizeLimit full(64);
+        for (const Case& c : cases) runs.push_back(Adjtool(c.arguments));
+    }
+    for (size_t i = 0; i < runs.size(); ++i) {
+        SCOPED_TRACE("adjtool " + cases[i].arguments);
+        EXPECT_EQ(1, runs[i].status) << runs[i].output;
+        EXPECT_NE(std::string::npos, runs[i].output.find(cases[i].message)) << runs[i].output;
+        EXPECT_EQ(std::string::npos, runs[i].output.find(cases[i].notShown)) << runs[i].output;
+    }
+    // What the device and the image hold is what was there before.
+    EXPECT_NE(std::string::npos, Adjtool(Root(root) + "get 27").output.find(" 9 (0x00000009)"));
+    EXPECT_NE(std::string::npos, Adjtool(Root(root) + "get 135").output.find("  0\n"));
+    EXPECT_NE(std::string::npos, Adjtool("--image " + saved + " get 27").output.find(" 9 (0x00000009)"));
+}
+
+TEST(AdjtoolTest, HostRootAndMissingRootAreRefused)
+{
+    TestRoot root;
+    const std::string host = root.Dir() + "/host";
+    std::filesystem::create_directory_symlink("/", host);
+    const std::string missing = root.Dir() + "/missing";
+    struct Case {
+        std::string environment;
+        std::string arguments;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"env -u PMODE_ROOT", "list", "no device root"},
+        {"env PMODE_ROOT=/", "list", "resolves to the host's own \"/\""},
+        {"", "--root / list", "resolves to the host's own \"/\""},
+        {"", "--root // set 27 1", "resolves to the host's own \"/\""},
+        {"", "--root /. reset 27", "resolves to the host's own \"/\""},
+        {"", "--root " + host + " list", "resolves to the host's own \"/\""},
+        {"", "--root " + host + "/tmp/.. dump " + root.Dir() + "/x.dump", "resolves to the host's own \"/\""},
+        {"", "--root " + missing + " set 27 1", "is not a directory"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.environment + " adjtool " + c.arguments);
+        const ToolRun run = Adjtool(c.arguments, c.environment);
+        EXPECT_EQ(2, run.status) << run.output;
+        EXPECT_NE(std::string::npos, run.output.find(c.message)) << run.output;
+        EXPECT_NE(std::string::npos, run.output.find("give --root DIR or set PMODE_ROOT=DIR")) << run.output;
+    }
+    EXPECT_FALSE(std::filesystem::exists(missing));
+    EXPECT_FALSE(std::filesystem::exists(root.Dir() + "/x.dump"));
 }
 
 } // namespace

@@ -163,4 +163,47 @@ TEST_F(PmodePcTest, ServerEndsByItselfAfterItsServingTime)
     EXPECT_NE(output.find("run PASSED (host-link mode, served 1 s): 0 commands run"), std::string::npos) << output;
 }
 
+TEST_F(PmodePcTest, HostLinkToolsRefuseTheHostRootAndNoRoot)
+{
+    const std::string host = root.Dir() + "/host";
+    fs::create_directory_symlink("/", host);
+    const std::string missing = root.Dir() + "/missing";
+    struct Case {
+        const char* name;
+        const char* environmentRoot; // PMODE_ROOT for the tool; null: unset
+        std::vector<std::string> rootOption;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"no root", nullptr, {}, "no device root"},
+        {"PMODE_ROOT=/", "/", {}, "resolves to the host's own \"/\""},
+        {"--root /", nullptr, {"--root", "/"}, "resolves to the host's own \"/\""},
+        {"--root //", nullptr, {"--root", "//"}, "resolves to the host's own \"/\""},
+        {"--root /.", nullptr, {"--root", "/."}, "resolves to the host's own \"/\""},
+        {"symlink to /", nullptr, {"--root", host}, "resolves to the host's own \"/\""},
+        {"missing directory", nullptr, {"--root", missing}, "is not a directory"},
+    };
+    const std::vector<std::vector<std::string>> tools = {
+        {pmtool::Kv(), "set", "pmode_test/key", "1"},
+        {pmtool::Kv(), "watch", "-n", "1", "pmode_test/key"},
+        {pmtool::Pc(), "--wait", "0", "line", "lens", "init", "1"},
+    };
+    for (const Case& c : cases) {
+        for (const std::vector<std::string>& tool : tools) {
+            SCOPED_TRACE(std::string(c.name) + ": " + tool[0] + " " + tool[1]);
+            std::vector<std::string> args = {tool[0]};
+            args.insert(args.end(), c.rootOption.begin(), c.rootOption.end());
+            args.insert(args.end(), tool.begin() + 1, tool.end());
+            if (c.environmentRoot != nullptr) setenv("PMODE_ROOT", c.environmentRoot, 1);
+            else unsetenv("PMODE_ROOT");
+            pmtool::Result run = pmtool::Run(args, root.Dir(), 10);
+            setenv("PMODE_ROOT", root.Dir().c_str(), 1);
+            EXPECT_EQ(run.status, 2) << run.output;
+            EXPECT_NE(run.output.find(c.message), std::string::npos) << run.output;
+            EXPECT_NE(run.output.find("give --root DIR or set PMODE_ROOT=DIR"), std::string::npos) << run.output;
+        }
+    }
+    EXPECT_FALSE(fs::exists(missing));
+}
+
 } // namespace

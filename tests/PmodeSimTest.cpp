@@ -3,6 +3,7 @@
 // The calibration it stores must be on the simulated NAND afterwards.
 #include "AdjustDataList.h"
 #include "CAdjustDataManager.h"
+#include "FileSizeLimit.h"
 #include "PmodeToolRun.h"
 #include "TestRoot.h"
 
@@ -153,7 +154,8 @@ TEST_F(PmodeSimTest, EndlessLoopIsStoppedByTheTimeOut)
     fs::create_directories(card);
     pmtool::WriteAll(card + "/info.tg", "loop.adj");
     pmtool::WriteAll(card + "/loop.adj", "label ADJ_00\nlabel AGAIN\ndelay 1 ms\ngoto AGAIN 0\n");
-    pmtool::Result run = RunSim({"--card", card, "--timeout", "1", "--quiet", "--json", root.Dir() + "/report.json"}, 20);
+    pmtool::Result run =
+        RunSim({"--card", card, "--force", "--timeout", "1", "--quiet", "--json", root.Dir() + "/report.json"}, 20);
     EXPECT_EQ(run.status, 4) << run.output;
     EXPECT_NE(run.output.find("pre-flight: /mnt/mmc/loop.adj:4: error: goto count '0' is read as 0"), std::string::npos)
         << run.output;
@@ -163,19 +165,29 @@ TEST_F(PmodeSimTest, EndlessLoopIsStoppedByTheTimeOut)
 
 TEST_F(PmodeSimTest, OnlyTheLoadedPluginsServeAndTheRestIsReported)
 {
-    // A plug-in directory with the UI worker only: the other commands are passed over
-    // by the camera, and the pre-flight check names them.
+    // A plug-in directory with the UI worker only: the pre-flight check names the
+    // commands no loaded worker serves, and the script is not run.
     std::string plugins = root.Dir() + "/plugins";
     fs::create_directories(plugins);
     fs::copy_file(pmtool::BinaryDir() + "/tools/pmode-sim/plugins/pmplugin-ui.so", plugins + "/pmplugin-ui.so");
     pmtool::Result run = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--plugins", plugins});
-    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(run.status, 1) << run.output;
     EXPECT_NE(run.output.find("plug-ins: 1 loaded"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("workers: UI\n"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("pre-flight: /mnt/mmc/production.adj:22: error: no loaded worker serves 'lens init'"),
               std::string::npos)
         << run.output;
-    EXPECT_NE(run.output.find("4 commands run, 4 passed, 0 failed"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("run FAILED (script mode, not run: "), std::string::npos) << run.output;
+
+    // Forced, the camera passes the other commands over; the verdict stays FAILED.
+    pmtool::Result forced = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--plugins", plugins, "--force"});
+    EXPECT_EQ(forced.status, 1) << forced.output;
+    EXPECT_NE(forced.output.find("run FAILED (script mode, end of the script): 4 commands run, 4 passed, 0 failed"),
+              std::string::npos)
+        << forced.output;
+    EXPECT_NE(forced.output.find("not a pass: the pre-flight check found 26 errors in the script (run forced with --force)"),
+              std::string::npos)
+        << forced.output;
 }
 
 TEST_F(PmodeSimTest, ResumeStepOptionAndWifiCertificationCard)
@@ -212,8 +224,22 @@ TEST_F(PmodeSimTest, ReportEscapesWhatTheScriptWrites)
 
 TEST_F(PmodeSimTest, BadUsageAndSetUpAreRefused)
 {
-    EXPECT_EQ(RunSim({"--frobnicate"}).status, 2);
-    EXPECT_EQ(RunSim({"--card"}).status, 2);
+    const std::string host = root.Dir() + "/host";
+    fs::create_directory_symlink("/", host);
+    // A later --root wins over the one RunSim gives.
+    const std::vector<std::string> refused[] = {
+        {"--frobnicate"}, {"--card"}, {"--step", "abc"}, {"--step", "4294967296"}, {"--step", "-1"}, {"--step", "3x"},
+        {"--timeout", "0"}, {"--timeout", "soon"}, {"--timeout", "nan"}, {"--serve-seconds", "-1"},
+        {"--root", "/"}, {"--root", "//"}, {"--root", "/."}, {"--root", host}, {"--root", host + "/tmp/.."},
+    };
+    for (const std::vector<std::string>& options : refused) {
+        SCOPED_TRACE(options.back());
+        pmtool::Result run = RunSim(options);
+        EXPECT_EQ(run.status, 2) << run.output;
+        if (options[0] == "--root") {
+            EXPECT_NE(run.output.find("refused: give --root DIR"), std::string::npos) << run.output;
+        }
+    }
     pmtool::Result noCard = RunSim({"--card", root.Dir() + "/no-such-card"});
     EXPECT_EQ(noCard.status, 2);
     EXPECT_NE(noCard.output.find("no card directory"), std::string::npos) << noCard.output;
@@ -221,6 +247,99 @@ TEST_F(PmodeSimTest, BadUsageAndSetUpAreRefused)
     pmtool::Result noWorkers = RunSim({"--plugins", root.Dir() + "/empty-plugins"});
     EXPECT_EQ(noWorkers.status, 2);
     EXPECT_NE(noWorkers.output.find("no worker registered by the plug-ins"), std::string::npos) << noWorkers.output;
+}
+
+/// Bytes no text file holds, the same on every run.
+std::string BinaryGarbage()
+{
+    std::string bytes;
+    uint32_t state = 12345;
+    for (int i = 0; i < 4096; ++i) {
+        state = state * 1103515245u + 12345u;
+        bytes += static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+TEST_F(PmodeSimTest, BrokenProductionNeverPasses)
+{
+    struct Case {
+        const char* name;
+        std::string script; // the card's prod.adj; "DIR" makes it a directory
+        std::vector<std::string> options;
+        std::vector<std::string> expected; // lines of the output
+        int commandsRun;
+    };
+    const std::string broken = "label ADJ_00\nkey check a\ngoto NOWHERE 1\nkey check b\n";
+    const Case cases[] = {
+        {"binary garbage", BinaryGarbage(), {},
+         {"pre-flight: /mnt/mmc/prod.adj:1: error: binary data (byte 0x", "run FAILED (script mode, not run: "}, 0},
+        {"binary garbage, forced", BinaryGarbage(), {"--force"}, {"not a pass: no command was run"}, 0},
+        {"empty script", "", {}, {"run FAILED (script mode, end of the script)", "not a pass: no command was run"}, 0},
+        {"directory", "DIR", {},
+         {"pre-flight: /mnt/mmc/prod.adj: error: the script is a directory, not a file", "run FAILED (script mode, not run: "},
+         0},
+        {"pre-flight error", broken, {},
+         {"pre-flight: /mnt/mmc/prod.adj:3: error: goto to unknown label 'NOWHERE'",
+          "not a pass: the pre-flight check found 1 error in the script\n"},
+         0},
+        {"pre-flight error, forced", broken, {"--force"},
+         {"Assertion Failed! --- File lib/production-mode/src/CProductionScript.cpp",
+          "run FAILED (script mode, end of the script): 1 commands run, 1 passed, 0 failed",
+          "not a pass: the pre-flight check found 1 error in the script (run forced with --force)",
+          "not a pass: 1 failed check reported"},
+         1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string card = root.Dir() + "/card-" + std::to_string(&c - cases);
+        fs::create_directories(card);
+        pmtool::WriteAll(card + "/info.tg", "prod.adj");
+        if (c.script == "DIR") fs::create_directories(card + "/prod.adj/sub");
+        else pmtool::WriteAll(card + "/prod.adj", c.script);
+        fs::remove_all(root.Host("/mnt/mmc"));
+        std::vector<std::string> options = {"--card", card, "--json", root.Dir() + "/report.json"};
+        options.insert(options.end(), c.options.begin(), c.options.end());
+        pmtool::Result run = RunSim(options);
+        EXPECT_EQ(run.status, 1) << run.output;
+        for (const std::string& line : c.expected) EXPECT_NE(run.output.find(line), std::string::npos) << line << "\n" << run.output;
+        EXPECT_EQ(pmtool::CountLines(run.output, " PASS "), c.commandsRun) << run.output;
+        EXPECT_NE(Json().find("\"passed\": false"), std::string::npos) << Json();
+    }
+}
+
+TEST_F(PmodeSimTest, NandTooSmallForTheCalibrationFailsTheRun)
+{
+    struct Case {
+        const char* name;
+        bool storeInPlace; // a run without the limit made the store first
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"fresh NAND", false, "not a pass: the adjust data could not be initialised and saved on the NAND"},
+        {"store in place, the run's saves fail", true, " reported (\"Assertion Failed!\" above)"},
+    };
+    // Storing the serial number saves the adjust group.
+    const std::string card = root.Dir() + "/card";
+    fs::create_directories(card);
+    pmtool::WriteAll(card + "/info.tg", "nand.adj");
+    pmtool::WriteAll(card + "/nand.adj", "label ADJ_00\nline_process cis_data set 40718833\nkey check menu\n");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string device = root.Dir() + "/device-" + std::to_string(&c - cases);
+        const std::vector<std::string> options = {"--root", device, "--card", card};
+        if (c.storeInPlace) {
+            ASSERT_EQ(RunSim(options).status, 0);
+        }
+        pmtool::Result run;
+        {
+            FileSizeLimit nand(1 << 20); // the adjust group needs 5.3 MB
+            run = RunSim(options);
+        }
+        EXPECT_EQ(run.status, 1) << run.output;
+        EXPECT_NE(run.output.find("run FAILED (script mode, "), std::string::npos) << run.output;
+        EXPECT_NE(run.output.find(c.expected), std::string::npos) << run.output;
+    }
 }
 
 } // namespace

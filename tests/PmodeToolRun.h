@@ -1,5 +1,5 @@
 #pragma once
-// Runs the built command-line programs (pmode-sim, pmode-pc) from the tests:
+// Runs the built command-line programs (pmode-sim, pmode-pc, pmode-kv) from the tests:
 // their path below $PM_TEST_BINARY_DIR, a bounded run capturing output and exit
 // status, and a program started in the background.
 
@@ -52,6 +52,11 @@ inline std::string Sim()
 inline std::string Pc()
 {
     return BinaryDir() + "/tools/pmode-pc/pmode-pc";
+}
+
+inline std::string Kv()
+{
+    return BinaryDir() + "/tools/pmode-kv/pmode-kv";
 }
 
 inline std::string ReadAll(const std::string& path)

@@ -79,7 +79,8 @@ TEST_F(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndNamed)
         {"line over 509 bytes", "key check " + std::string(520, 'x').replace(40, 1, " ") + "\n",
          "script:1: warning: line of 530 bytes: the reader sees only the first 509", 1},
         {"NUL byte", std::string("key check a\nkey check b\0key check c\n", 36),
-         "script:2: warning: NUL byte in the text: the reader sees nothing after it", 0},
+         "script:2: error: binary data (byte 0x00 at offset 23): not a text file; the reader sees nothing after a NUL byte", 1},
+        {"control byte", "key check a\nkey check \x01\n", "script:2: error: binary data (byte 0x01 at offset 22)", 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -146,8 +147,14 @@ TEST_F(ScriptCheckerTest, UnreadableScriptAndBadUsage)
     pmtool::Result missing = pmtool::Run({pmtool::Sim(), "check", root.Dir() + "/none.adj"}, root.Dir());
     EXPECT_EQ(missing.status, 1);
     EXPECT_NE(missing.output.find("error: cannot open the script"), std::string::npos) << missing.output;
+    pmtool::Result directory = pmtool::Run({pmtool::Sim(), "check", root.Dir()}, root.Dir());
+    EXPECT_EQ(directory.status, 1);
+    EXPECT_NE(directory.output.find("error: the script is a directory, not a file"), std::string::npos) << directory.output;
     EXPECT_EQ(pmtool::Run({pmtool::Sim(), "check"}, root.Dir()).status, 2);
-    EXPECT_EQ(pmtool::Run({pmtool::Sim(), "check", "--max", "0", "x.adj"}, root.Dir()).status, 2);
+    for (const char* bound : {"0", "4294967296", "1000001", "abc", "5x", "-3"}) {
+        SCOPED_TRACE(bound);
+        EXPECT_EQ(pmtool::Run({pmtool::Sim(), "check", "--max", bound, "x.adj"}, root.Dir()).status, 2);
+    }
 
     // An empty file is a script with nothing to run, not an error.
     pmtool::Result empty = Check("");

@@ -7,8 +7,13 @@
 // store exactly as it is, without the start-up re-arrangement.
 //
 // Exit status: 0 done (verify found nothing, diff found no difference); 1 the check
-// found problems, the images differ or the library refused the operation; 2 a bad
-// command line or bad input (unknown item, value that does not fit, unreadable file).
+// found problems, the images differ, or the work was not done: a library call
+// answered failure or the library reported a failed check ("Assertion Failed!")
+// while the command ran; 2 a bad command line, bad input (unknown item, value that
+// does not fit, unreadable file) or no usable device root.
+//
+// A value is printed after set or reset only once it is saved (on the device's
+// NAND, or written back into the --image file).
 //
 // Notes:
 //  - list, get, set and reset start the manager, which brings a store of another
@@ -16,6 +21,8 @@
 //  - with --image the work is done on a scratch device root that is removed at the
 //    end; set and reset write the changed group back into the image file.
 //  - file paths on the command line are host paths, also when a device root is set.
+//  - the device root is --root DIR or $PMODE_ROOT; one that resolves to the host's
+//    "/" is refused, so the tool never writes the host's own /mnt/ubi1.
 
 #include <algorithm>
 #include <cctype>
@@ -36,7 +43,9 @@
 #include "AdjustDataList.h"
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
+#include "DeviceRoot.h"
 #include "LineDataList.h"
+#include "PMReport.h"
 #include "pref.h"
 
 namespace fs = std::filesystem;
@@ -74,12 +83,30 @@ struct UsageError {
     std::string message;
 };
 
+// The work of the command was not done: a library call answered failure, or the
+// library reported a failed check while it ran.
+struct NotDone {
+    std::string message;
+};
+
+unsigned long g_checksBefore = 0; // failed checks reported before the command began
+
+// The library reports a failed check on standard output and answers on, sometimes
+// with success: a command's work counts as done only when none was reported.
+void requireNoFailedCheck(const std::string& what)
+{
+    const unsigned long reported = pm::AssertionCount() - g_checksBefore;
+    if (reported == 0) return;
+    throw NotDone{"the library reported " + std::to_string(reported) + " failed check" + (reported == 1 ? "" : "s") +
+                  " (\"Assertion Failed!\" above): " + what};
+}
+
 void printUsage(FILE* out)
 {
     std::fprintf(out,
                  "usage: adjtool [--root DIR | --image FILE] COMMAND [ARGS]\n"
                  "\n"
-                 "  --root DIR     the simulated device (default: $PMODE_ROOT)\n"
+                 "  --root DIR     the simulated device (default: $PMODE_ROOT; never the host's \"/\")\n"
                  "  --image FILE   work on a dump file instead of the device's NAND\n"
                  "\n"
                  "commands:\n"
@@ -95,7 +122,8 @@ void printUsage(FILE* out)
                  "  diff A [B]                compare two images item by item; A and B are dump files or\n"
                  "                            @device (B defaults to @device)\n"
                  "\n"
-                 "exit status: 0 done, 1 problems or differences found or operation refused, 2 bad input\n");
+                 "exit status: 0 done; 1 problems or differences found, or the work was not done (the library\n"
+                 "refused it or reported a failed check); 2 bad input or no device root\n");
 }
 
 bool isCountryDerived(int id)
@@ -495,6 +523,7 @@ CAdjustDataManager* startManager()
 {
     CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
     manager->Initialize();
+    requireNoFailedCheck("the adjust data could not be initialised and saved ('adjtool verify' shows the store as it is)");
     return manager;
 }
 
@@ -559,14 +588,16 @@ std::string describeItem(CAdjustDataManager* manager, int id)
 int commandList(CAdjustDataManager* manager)
 {
     std::printf(" ID  %-44s %9s %8s  %s\n", "NAME", "OFFSET", "SIZE", "VALUE");
-    int missing = 0;
+    int problems = 0;
     for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) {
-        if (manager->find(id) == nullptr) ++missing;
+        if (manager->find(id) == nullptr || !answeredBytes(manager, id)) ++problems;
         std::printf("%s\n", describeItem(manager, id).c_str());
     }
-    for (int id = LINE_DATA_ID_FIRST; id < LINE_DATA_ID_FIRST + LINE_DATA_COUNT; ++id)
+    for (int id = LINE_DATA_ID_FIRST; id < LINE_DATA_ID_FIRST + LINE_DATA_COUNT; ++id) {
+        if (!answeredBytes(manager, id)) ++problems;
         std::printf("%s\n", describeItem(manager, id).c_str());
-    return missing == 0 ? EXIT_OK : EXIT_FOUND;
+    }
+    return problems == 0 ? EXIT_OK : EXIT_FOUND;
 }
 
 int commandGet(CAdjustDataManager* manager, int id, bool hex, const std::string& outPath)
@@ -594,59 +625,55 @@ bool saveGroup(CAdjustDataManager* manager)
     return manager->GetData(ADJUST_CHECKSUM1, &checksum, 1) && manager->SetData(ADJUST_CHECKSUM1, &checksum, 1, true);
 }
 
-int commandSet(CAdjustDataManager* manager, int id, const std::string& valueText)
+// Writes and saves the value; prints nothing (the caller shows it once it is kept).
+void commandSet(CAdjustDataManager* manager, int id, const std::string& valueText)
 {
+    const std::string unchanged = "; its value on the device is unchanged";
+    const std::string refused = itemName(id) + " was not saved: the library refused the value" + unchanged;
     if (isLineId(id)) {
         long long number = 0;
         if (!parseInteger(valueText, number) || number < INT32_MIN || number > INT32_MAX)
             throw UsageError{"line value " + valueText + " is not a 32-bit number"};
         int32_t value = static_cast<int32_t>(number);
-        if (!manager->SetData(id, &value, sizeof(value), true)) {
-            std::fprintf(stderr, "adjtool: the library refused to set %s\n", itemName(id).c_str());
-            return EXIT_FOUND;
-        }
+        if (!manager->SetData(id, &value, sizeof(value), true)) throw NotDone{refused};
     } else {
         CAdjustData* item = manager->find(id);
-        if (item == nullptr) {
-            std::fprintf(stderr, "adjtool: %s is missing from the store\n", itemName(id).c_str());
-            return EXIT_FOUND;
-        }
+        if (item == nullptr) throw NotDone{itemName(id) + " is missing from the store"};
         Bytes bytes = parseValue(id, valueText, static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE)));
-        if (!manager->SetData(id, bytes.data(), bytes.size(), true)) {
-            std::fprintf(stderr, "adjtool: the library refused to set %s\n", itemName(id).c_str());
-            return EXIT_FOUND;
-        }
+        if (!manager->SetData(id, bytes.data(), bytes.size(), true)) throw NotDone{refused};
+    }
+    requireNoFailedCheck(itemName(id) + " was not saved" + unchanged);
+}
+
+// Resets and saves; prints nothing. The item reset, or -1 for all line values.
+int commandReset(CAdjustDataManager* manager, const std::string& itemText)
+{
+    if (lowerCase(itemText) == "line") {
+        if (!manager->ResetData(LINE_DATA_ID_FIRST)) throw NotDone{"the line values were not reset: the library refused"};
+        requireNoFailedCheck("the line values were not reset");
+        return -1;
+    }
+    const int id = parseItem(itemText);
+    if (isLineId(id)) throw UsageError{"line values are reset together: use 'reset line'"};
+    // ResetData of an item the store lacks resets the whole adjust group: refuse that here.
+    if (manager->find(id) == nullptr) throw NotDone{itemName(id) + " is missing from the store"};
+    if (!manager->ResetData(id) || !saveGroup(manager))
+        throw NotDone{itemName(id) + " was not reset on the device: the library refused the reset or the save"};
+    requireNoFailedCheck(itemName(id) + " was not reset on the device");
+    return id;
+}
+
+// What set and reset show once the value is kept.
+void printKept(CAdjustDataManager* manager, int id)
+{
+    if (id < 0) {
+        std::printf("line values reset\n");
+        return;
     }
     std::printf("%s\n", describeItem(manager, id).c_str());
     if (isCountryDerived(id))
         std::printf("note: %s is read from the country table of item 69; the stored value is shown in brackets\n",
                     itemName(id).c_str());
-    return EXIT_OK;
-}
-
-int commandReset(CAdjustDataManager* manager, const std::string& itemText)
-{
-    if (lowerCase(itemText) == "line") {
-        if (!manager->ResetData(LINE_DATA_ID_FIRST)) {
-            std::fprintf(stderr, "adjtool: the line values could not be reset\n");
-            return EXIT_FOUND;
-        }
-        std::printf("line values reset\n");
-        return EXIT_OK;
-    }
-    const int id = parseItem(itemText);
-    if (isLineId(id)) throw UsageError{"line values are reset together: use 'reset line'"};
-    // ResetData of an item the store lacks resets the whole adjust group: refuse that here.
-    if (manager->find(id) == nullptr) {
-        std::fprintf(stderr, "adjtool: %s is missing from the store\n", itemName(id).c_str());
-        return EXIT_FOUND;
-    }
-    if (!manager->ResetData(id) || !saveGroup(manager)) {
-        std::fprintf(stderr, "adjtool: %s could not be reset\n", itemName(id).c_str());
-        return EXIT_FOUND;
-    }
-    std::printf("%s\n", describeItem(manager, id).c_str());
-    return EXIT_OK;
 }
 
 // ---- the command line ---------------------------------------------------------------
@@ -719,22 +746,21 @@ int runDeviceCommand(const Options& options)
         std::string path = platformPath(words[1]);
         CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
         if (command == "dump") {
-            manager->Initialize();
-            if (!manager->DumpData2File(path.data())) {
-                std::fprintf(stderr, "adjtool: dump to %s failed\n", words[1].c_str());
-                return EXIT_FOUND;
-            }
+            startManager();
+            if (!manager->DumpData2File(path.data())) throw NotDone{"dump to " + words[1] + " failed"};
+            requireNoFailedCheck("the dump in " + words[1] + " may not hold the device's adjust data");
             std::printf("adjust data dumped to %s\n", words[1].c_str());
             return EXIT_OK;
         }
         if (!fs::exists(words[1])) throw UsageError{"cannot read " + words[1] + ": no such file"};
         if (!manager->LoadDataFromFile(path.data())) {
-            std::fprintf(stderr,
-                         "adjtool: %s was refused (truncated, corrupt or not an adjust dump); the adjust data on "
-                         "NAND are unchanged\n",
-                         words[1].c_str());
-            return EXIT_FOUND;
+            // The preference store refuses a bad file before anything changes on NAND.
+            if (pm::AssertionCount() == g_checksBefore)
+                throw NotDone{words[1] + " was refused (truncated, corrupt or not an adjust dump); the adjust data on "
+                              "NAND are unchanged"};
+            throw NotDone{"loading " + words[1] + " failed part way: check the device with 'adjtool verify'"};
         }
+        requireNoFailedCheck("the adjust data loaded from " + words[1] + " were not saved on the device");
         std::printf("adjust data loaded from %s\n", words[1].c_str());
         return EXIT_OK;
     }
@@ -751,7 +777,8 @@ int runDeviceCommand(const Options& options)
         throw UsageError{"line values are not part of an adjust dump: use --root"};
 
     int status = EXIT_OK;
-    bool changed = false;
+    CAdjustDataManager* manager = nullptr;
+    std::optional<int> kept; // the item set or reset (-1: the line values)
     if (command == "list") {
         expectArguments(words, 0, 0);
         status = commandList(startManager());
@@ -773,19 +800,21 @@ int runDeviceCommand(const Options& options)
     } else if (command == "set") {
         expectArguments(words, 2, 2);
         const int id = parseItem(words[1]);
-        status = commandSet(startManager(), id, words[2]);
-        changed = status == EXIT_OK;
+        manager = startManager();
+        commandSet(manager, id, words[2]);
+        kept = id;
     } else if (command == "reset") {
         expectArguments(words, 1, 1);
-        status = commandReset(startManager(), words[1]);
-        changed = status == EXIT_OK;
+        manager = startManager();
+        kept = commandReset(manager, words[1]);
     } else {
         throw UsageError{"unknown command '" + command + "'"};
     }
 
-    if (onImage && changed && pref_save_to_file(PREF_ID_ADJUST, platformPath(options.image).c_str()) < 0) {
-        std::fprintf(stderr, "adjtool: cannot write the changed adjust data back to %s\n", options.image.c_str());
-        return EXIT_FOUND;
+    if (kept) {
+        if (onImage && pref_save_to_file(PREF_ID_ADJUST, platformPath(options.image).c_str()) < 0)
+            throw NotDone{"cannot write the changed adjust data back to " + options.image + "; the file is unchanged"};
+        printKept(manager, *kept);
     }
     return status;
 }
@@ -803,11 +832,9 @@ int run(int argc, char** argv)
     if (!options.image.empty()) {
         scratch.emplace();
         setenv("PMODE_ROOT", scratch->Dir().c_str(), 1);
-    } else if (!options.root.empty()) {
-        if (!fs::is_directory(options.root)) throw UsageError{"device root " + options.root + " is not a directory"};
-        setenv("PMODE_ROOT", options.root.c_str(), 1);
-    } else if (std::getenv("PMODE_ROOT") == nullptr || std::getenv("PMODE_ROOT")[0] == '\0') {
-        throw UsageError{"no device: give --root DIR, set PMODE_ROOT or give --image FILE"};
+    } else {
+        std::string root, error;
+        if (!devroot::Use(options.root, root, error)) throw UsageError{error + "; or give --image FILE"};
     }
 
     if (command == "verify") {
@@ -829,8 +856,15 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    g_checksBefore = pm::AssertionCount();
     try {
-        return run(argc, argv);
+        const int status = run(argc, argv);
+        requireNoFailedCheck("the work may not be done");
+        return status;
+    } catch (const NotDone& failure) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "adjtool: %s\n", failure.message.c_str());
+        return EXIT_FOUND;
     } catch (const UsageError& error) {
         std::fprintf(stderr, "adjtool: %s\n", error.message.c_str());
         std::fprintf(stderr, "run 'adjtool --help' for the commands\n");

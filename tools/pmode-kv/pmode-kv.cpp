@@ -1,15 +1,19 @@
 // pmode-kv: the key-value store's command-line tool, for people and scripts.
 //
-//   pmode-kv get KEY              prints the value (integer or string)
-//   pmode-kv set KEY VALUE        sets a string value
-//   pmode-kv set-int KEY N        sets an integer value
-//   pmode-kv watch [-n COUNT] KEY...
+//   pmode-kv [--root DIR] get KEY             prints the value (integer or string)
+//   pmode-kv [--root DIR] set KEY VALUE       sets a string value
+//   pmode-kv [--root DIR] set-int KEY N       sets an integer value
+//   pmode-kv [--root DIR] watch [-n COUNT] KEY...
 //                                 prints "watching" once subscribed, then one line
 //                                 "KEY=VALUE" per set of any KEY, in the order of
 //                                 the sets; ends after COUNT lines, or on SIGINT/SIGTERM
 //
-// The store lives below $PMODE_ROOT like the rest of the simulated device.
-// Exit status: 0 success, 1 failure (missing key, refused set), 2 bad usage.
+// The store lives below the device root like the rest of the simulated device:
+// --root DIR, else $PMODE_ROOT. Without a root, or with one that resolves to the
+// host's "/", the tool refuses (it never writes the host's /var/run/vconf).
+// Exit status: 0 success, 1 failure (missing key, refused set), 2 bad usage or no
+// device root.
+#include "DeviceRoot.h"
 #include "vconf.h"
 
 #include <signal.h>
@@ -36,11 +40,13 @@ void onSignal(int)
 
 int usage()
 {
-    std::fputs("usage: pmode-kv get KEY\n"
-               "       pmode-kv set KEY VALUE\n"
-               "       pmode-kv set-int KEY N\n"
-               "       pmode-kv watch [-n COUNT] KEY...\n",
-               stderr);
+    std::fprintf(stderr,
+                 "usage: pmode-kv [--root DIR] get KEY\n"
+                 "       pmode-kv [--root DIR] set KEY VALUE\n"
+                 "       pmode-kv [--root DIR] set-int KEY N\n"
+                 "       pmode-kv [--root DIR] watch [-n COUNT] KEY...\n"
+                 "the device root: %s\n",
+                 devroot::kHowToGive);
     return 2;
 }
 
@@ -115,7 +121,19 @@ int watch(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    std::string given;
+    if (argc >= 2 && std::strcmp(argv[1], "--root") == 0) {
+        if (argc < 3) return usage();
+        given = argv[2];
+        argc -= 2;
+        argv += 2;
+    }
     if (argc < 2) return usage();
+    std::string root, error;
+    if (!devroot::Use(given, root, error)) {
+        std::fprintf(stderr, "pmode-kv: %s\n", error.c_str());
+        return 2;
+    }
     const std::string command = argv[1];
     if (command == "get" && argc == 3) return get(argv[2]);
     if (command == "set" && argc == 4) {

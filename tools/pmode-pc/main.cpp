@@ -8,15 +8,17 @@
 //                                               an argument "size" stands for the
 //                                               payload's byte count
 //   pmode-pc [OPTIONS] batch FILE               the requests of a batch file
-// Options: --root DIR (the device root; default $PMODE_ROOT), --timeout SEC (per
-// answer, default 10), --wait SEC (for pmode-sim to serve, default 10).
+// Options: --root DIR (the device root; default $PMODE_ROOT; required, and never
+// the host's "/"), --timeout SEC (per answer, default 10), --wait SEC (for
+// pmode-sim to serve, default 10).
 //
 // Batch file: one request a line, "line WORDS..." or "op CODE [P1..P4] [payload=FILE]"
 // (FILE relative to the batch file); "expect-fail " before a request expects the
 // camera to report a failure; "#" starts a comment line.
 //
 // Exit status: 0 when every request got the answer expected, 1 otherwise, 2 bad
-// usage, 3 when no pmode-sim serves the host link.
+// usage or no device root, 3 when no pmode-sim serves the host link.
+#include "DeviceRoot.h"
 #include "HostLinkClient.h"
 #include "PmodeSimHost.h"
 
@@ -48,10 +50,12 @@ struct Request {
 
 int usage()
 {
-    std::fputs("usage: pmode-pc [--root DIR] [--timeout SEC] [--wait SEC] line WORDS...\n"
-               "       pmode-pc [OPTIONS] op CODE [P1 [P2 [P3 [P4]]]] [--payload FILE]\n"
-               "       pmode-pc [OPTIONS] batch FILE\n",
-               stderr);
+    std::fprintf(stderr,
+                 "usage: pmode-pc [--root DIR] [--timeout SEC] [--wait SEC] line WORDS...\n"
+                 "       pmode-pc [OPTIONS] op CODE [P1 [P2 [P3 [P4]]]] [--payload FILE]\n"
+                 "       pmode-pc [OPTIONS] batch FILE\n"
+                 "the device root: %s\n",
+                 devroot::kHowToGive);
     return 2;
 }
 
@@ -62,6 +66,17 @@ bool parseNumber(const std::string& text, uint32_t& out)
     unsigned long long value = std::strtoull(text.c_str(), &end, 0);
     if (*end != '\0' || value > 0xFFFFFFFFull) return false;
     out = static_cast<uint32_t>(value);
+    return true;
+}
+
+/// Seconds from 0 to a day, written as a plain number ("0.3", "20"); false for anything else.
+bool parseSeconds(const std::string& text, int& milliseconds)
+{
+    if (text.empty()) return false;
+    char* end = nullptr;
+    double seconds = std::strtod(text.c_str(), &end);
+    if (*end != '\0' || !(seconds >= 0.0 && seconds <= 86400.0)) return false;
+    milliseconds = static_cast<int>(seconds * 1000);
     return true;
 }
 
@@ -262,16 +277,22 @@ int main(int argc, char** argv)
 {
     int timeoutMs = 10000;
     int waitMs = 10000;
+    std::string given;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
         std::string option = argv[i];
         if (i + 1 >= argc) return usage();
-        if (option == "--root") setenv("PMODE_ROOT", std::filesystem::absolute(argv[++i]).c_str(), 1);
-        else if (option == "--timeout") timeoutMs = static_cast<int>(std::strtod(argv[++i], nullptr) * 1000);
-        else if (option == "--wait") waitMs = static_cast<int>(std::strtod(argv[++i], nullptr) * 1000);
+        if (option == "--root") given = argv[++i];
+        else if (option == "--timeout") { if (!parseSeconds(argv[++i], timeoutMs)) return usage(); }
+        else if (option == "--wait") { if (!parseSeconds(argv[++i], waitMs)) return usage(); }
         else return usage();
     }
     if (i >= argc || timeoutMs <= 0 || waitMs < 0) return usage();
+    std::string root, error;
+    if (!devroot::Use(given, root, error)) {
+        std::fprintf(stderr, "pmode-pc: %s\n", error.c_str());
+        return 2;
+    }
     std::string command = argv[i++];
 
     Request single;
@@ -300,7 +321,7 @@ int main(int argc, char** argv)
     }
     if (!client.WaitForCamera(waitMs)) {
         std::fprintf(stderr, "pmode-pc: no camera serves the host link below %s (is pmode-sim running in host-link mode?)\n",
-                     kernel_root()[0] != '\0' ? kernel_root() : "/");
+                     root.c_str());
         return 3;
     }
     if (!batchPath.empty()) return runBatch(client, batchPath, batch, timeoutMs);

@@ -157,6 +157,7 @@ void RunLog::PrintSummary(const RunFacts& facts, FILE* out)
     if (FirstFailure(failure))
         std::fprintf(out, "failing command: [%d] %s %s (result %d)\n", failure.index, failure.group.c_str(),
                      failure.text.c_str(), failure.result);
+    for (const std::string& fault : facts.faults) std::fprintf(out, "not a pass: %s\n", fault.c_str());
     std::fprintf(out, "device root: %s\n", facts.root.c_str());
     std::fflush(out);
 }
@@ -178,6 +179,8 @@ bool RunLog::WriteJson(const RunFacts& facts, const std::string& path)
     CommandRecord failure;
     json << (FirstFailure(failure) ? recordJson(failure) : "null") << ",\n  \"preflight\": [";
     for (size_t i = 0; i < facts.preflight.size(); ++i) json << (i ? ", " : "") << jsonString(facts.preflight[i]);
+    json << "],\n  \"failed_checks\": " << facts.failedChecks << ",\n  \"faults\": [";
+    for (size_t i = 0; i < facts.faults.size(); ++i) json << (i ? ", " : "") << jsonString(facts.faults[i]);
     json << "],\n  \"commands\": [";
     for (size_t i = 0; i < records.size(); ++i) json << (i ? ",\n    " : "\n    ") << recordJson(records[i]);
     json << (records.empty() ? "]\n}\n" : "\n  ]\n}\n");

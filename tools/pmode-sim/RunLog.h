@@ -37,6 +37,8 @@ struct RunFacts {
     double seconds = 0.0;
     int exitStatus = 0;
     std::vector<std::string> preflight; ///< the checker's findings on the card's script
+    unsigned long failedChecks = 0;     ///< "Assertion Failed!" reports of the run (not the pre-flight's)
+    std::vector<std::string> faults;    ///< why the run is no pass, besides a failing command
 };
 
 class RunLog {
@@ -55,7 +57,7 @@ public:
     /// The first failing command into out; false when none failed.
     bool FirstFailure(CommandRecord& out);
 
-    /// "run PASSED|FAILED: ..." and the failing command, to out.
+    /// "run PASSED|FAILED: ...", the failing command and the faults, to out.
     void PrintSummary(const RunFacts& facts, FILE* out);
     /// The JSON report; false when the file cannot be written.
     bool WriteJson(const RunFacts& facts, const std::string& path);

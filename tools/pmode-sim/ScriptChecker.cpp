@@ -4,13 +4,18 @@
 #include "CWorkerFactory.h"
 #include "IPModeWorker.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 
 namespace {
 
@@ -83,6 +88,7 @@ public:
 
     void Run(const std::string& text)
     {
+        if (rejectBinary(text)) return;
         splitLines(text);
         for (size_t i = 0; i < m_lines.size(); ++i) checkLine(static_cast<int>(i));
         checkGotos();
@@ -93,20 +99,36 @@ public:
 
     /// Errors after which the reader itself would fail a check while resolving the run.
     bool flowBroken() const { return m_flowBroken; }
+    /// The text holds bytes no script has: nothing else was looked at.
+    bool binary() const { return m_binary; }
 
 private:
     void error(int line, const std::string& message) { m_result.findings.push_back({line + 1, true, message}); }
     void warning(int line, const std::string& message) { m_result.findings.push_back({line + 1, false, message}); }
 
-    void splitLines(const std::string& text)
+    /// A NUL byte (the reader sees nothing after it) or another control byte than
+    /// tab, CR and LF: the file is no script. One error; nothing else is checked.
+    bool rejectBinary(const std::string& text)
     {
-        size_t nul = text.find('\0');
-        std::string body = text;
-        if (nul != std::string::npos) {
-            body = text.substr(0, nul);
-            int line = static_cast<int>(std::count(body.begin(), body.end(), '\n'));
-            warning(line, "NUL byte in the text: the reader sees nothing after it");
+        size_t at = 0;
+        while (at < text.size()) {
+            unsigned char c = static_cast<unsigned char>(text[at]);
+            if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) break;
+            ++at;
         }
+        if (at == text.size()) return false;
+        const char* nul = text[at] == '\0' ? "; the reader sees nothing after a NUL byte" : "";
+        char found[160];
+        std::snprintf(found, sizeof found, "binary data (byte 0x%02x at offset %zu): not a text file%s",
+                      static_cast<unsigned char>(text[at]), at, nul);
+        error(static_cast<int>(std::count(text.begin(), text.begin() + static_cast<long>(at), '\n')), found);
+        m_flowBroken = true;
+        m_binary = true;
+        return true;
+    }
+
+    void splitLines(const std::string& body)
+    {
         size_t start = 0;
         while (true) {
             size_t end = body.find('\n', start);
@@ -319,6 +341,7 @@ private:
     std::vector<std::pair<std::string, int>> m_labelOrder;
     std::vector<GotoLine> m_gotos;
     bool m_flowBroken = false;
+    bool m_binary = false;
 };
 
 std::string commandText(const _tPM_Command& command)
@@ -357,7 +380,8 @@ CheckResult ScriptChecker::Check(const std::string& text, const std::string& scr
     Analysis analysis(m_resolver, m_probing, result);
     analysis.Run(text);
     if (analysis.flowBroken()) {
-        result.runEnd = "not resolved: fix the label and goto errors first";
+        result.runEnd = analysis.binary() ? "not resolved: the file is not a text file"
+                                          : "not resolved: fix the label and goto errors first";
         return result;
     }
     CProductionScript reader;
@@ -410,6 +434,28 @@ void RegisterGroupProbes()
 {
     static const char* const kGroups[] = {"UI", "CAP", "LENS", "MENU", "WIFI", "DD", "ETC", "PENDING"};
     for (const char* group : kGroups) CWorkerFactory::GetInstance()->AddWorker(new ProbeWorker(group));
+}
+
+bool ReadScriptFile(const std::string& path, std::string& text, std::string& error)
+{
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        error = std::string("cannot open the script: ") + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        error = S_ISDIR(info.st_mode) ? "the script is a directory, not a file" : "the script is not a regular file";
+        return false;
+    }
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream content;
+    if (file) content << file.rdbuf();
+    if (!file || file.bad()) {
+        error = "cannot read the script";
+        return false;
+    }
+    text = content.str();
+    return true;
 }
 
 GroupResolver RegistryResolver()

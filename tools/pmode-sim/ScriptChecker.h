@@ -3,7 +3,8 @@
 // reader does and reports what an author gets wrong, without running anything.
 //
 // Findings (each with the 1-based line it concerns):
-//  - errors: words over 49 bytes, commands without a parameter (they end the run),
+//  - errors: binary data (a NUL or another control byte than tab, CR and LF: the
+//    file is no script, and nothing else is checked), words over 49 bytes, commands without a parameter (they end the run),
 //    commands no worker group serves, goto without a label or a count, goto counts
 //    that loop forever (0, negative, not a number), counted loops that nest or
 //    overlap (one counter for the whole script), unknown goto labels, labels
@@ -74,6 +75,10 @@ private:
 /// registry answers which group serves a command. Only for a process that loads no
 /// real workers (the checker).
 void RegisterGroupProbes();
+
+/// Reads a script file of this machine whole. False, the reason in error, when it
+/// is missing, not a regular file (a directory, say) or cannot be read.
+bool ReadScriptFile(const std::string& path, std::string& text, std::string& error);
 
 /// A resolver that asks CWorkerFactory::GetWorker and gives the worker's name.
 GroupResolver RegistryResolver();

@@ -3,7 +3,9 @@
 #include "CAdjustDataManager.h"
 #include "CProductionMode.h"
 #include "CWorkerFactory.h"
+#include "DeviceRoot.h"
 #include "ObservedWorker.h"
+#include "PMReport.h"
 #include "PluginLoader.h"
 #include "PmodeSimHost.h"
 #include "RunLog.h"
@@ -15,7 +17,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,6 +44,9 @@ constexpr const char* kProtocolKey = "memory/private/pmode_protocol1";
 
 std::atomic<bool> g_stop{false};
 std::atomic<bool> g_channelUp{false};
+// Failed checks reported before the run's own work began, and those of the
+// pre-flight checker (its reader reports what it finds in the script).
+unsigned long g_checksNotOfTheRun = 0;
 
 void onSignal(int)
 {
@@ -54,17 +62,40 @@ struct Options {
     long step = -1;
     double serveSeconds = -1.0;
     double timeoutSeconds = 600.0;
-    bool check = true;
+    bool force = false;
     bool quiet = false;
 };
 
 int usage()
 {
     std::fputs("usage: pmode-sim [run] [--root DIR] [--card DIR] [--plugins DIR] [--host-link] [--step N]\n"
-               "                 [--serve-seconds N] [--timeout SEC] [--json FILE] [--no-check] [--quiet]\n"
-               "       pmode-sim check [--max N] [--quiet] SCRIPT\n",
+               "                 [--serve-seconds SEC] [--timeout SEC] [--json FILE] [--force] [--quiet]\n"
+               "       pmode-sim check [--max N] [--quiet] SCRIPT\n"
+               "  --step N: 0 to 2147483647; SEC: a number of seconds above 0 (--serve-seconds: 0 or more)\n"
+               "  --force: run a script whose pre-flight check found errors (the run is FAILED all the same)\n"
+               "exit status: 0 the run passed; 1 the run failed (a command failed, a failed check was\n"
+               "reported, the pre-flight check found an error, no command ran, the adjust data could not\n"
+               "be initialised or saved); 2 bad usage or set-up; 3 the card starts no production run;\n"
+               "4 timed out or interrupted\n",
                stderr);
     return kExitUsage;
+}
+
+/// A whole decimal number from low to high; false for anything else.
+bool parseWhole(const std::string& text, long low, long high, long& value)
+{
+    errno = 0;
+    char* end = nullptr;
+    value = std::strtol(text.c_str(), &end, 10);
+    return !text.empty() && *end == '\0' && errno == 0 && value >= low && value <= high;
+}
+
+/// A finite number of seconds, at least low (and above it when low is excluded).
+bool parseSeconds(const std::string& text, double low, bool lowAllowed, double& value)
+{
+    char* end = nullptr;
+    value = std::strtod(text.c_str(), &end);
+    return !text.empty() && *end == '\0' && std::isfinite(value) && (value > low || (lowAllowed && value == low));
 }
 
 bool parseOptions(int argc, char** argv, Options& options)
@@ -81,15 +112,15 @@ bool parseOptions(int argc, char** argv, Options& options)
         else if (option == "--card") { if (!value(options.card)) return false; }
         else if (option == "--plugins") { if (!value(options.plugins)) return false; }
         else if (option == "--json") { if (!value(options.json)) return false; }
-        else if (option == "--step") { if (!value(text)) return false; options.step = std::strtol(text.c_str(), nullptr, 10); }
-        else if (option == "--serve-seconds") { if (!value(text)) return false; options.serveSeconds = std::strtod(text.c_str(), nullptr); }
-        else if (option == "--timeout") { if (!value(text)) return false; options.timeoutSeconds = std::strtod(text.c_str(), nullptr); }
+        else if (option == "--step") { if (!value(text) || !parseWhole(text, 0, INT32_MAX, options.step)) return false; }
+        else if (option == "--serve-seconds") { if (!value(text) || !parseSeconds(text, 0.0, true, options.serveSeconds)) return false; }
+        else if (option == "--timeout") { if (!value(text) || !parseSeconds(text, 0.0, false, options.timeoutSeconds)) return false; }
         else if (option == "--host-link") options.hostLink = true;
-        else if (option == "--no-check") options.check = false;
+        else if (option == "--force") options.force = true;
         else if (option == "--quiet") options.quiet = true;
         else return false;
     }
-    return options.timeoutSeconds > 0 && options.step >= -1;
+    return true;
 }
 
 /// Makes the device root: the card, NAND and log directories; the card's files.
@@ -103,13 +134,21 @@ bool prepareRoot(Options& options, std::string& error)
         }
         options.root = pattern;
     }
+    std::string resolved;
+    if (!devroot::Check(options.root, false, resolved, error)) {
+        error += ": give --root DIR naming a directory of its own (without --root: a new /tmp/pmode-sim.XXXXXX)";
+        return false;
+    }
+    options.root = resolved;
     std::error_code failure;
-    fs::create_directories(options.root, failure);
-    options.root = fs::absolute(options.root).lexically_normal().string();
-    if (!options.root.empty() && options.root.back() == '/') options.root.pop_back();
     fs::path card = fs::path(options.root) / "mnt/mmc";
-    for (const char* dir : {"mnt/mmc", "mnt/ubi1/log", "mnt/ubi1/pref", "adj", "var/log", "var/run/memory/private", "tmp"})
+    for (const char* dir : {"mnt/mmc", "mnt/ubi1/log", "mnt/ubi1/pref", "adj", "var/log", "var/run/memory/private", "tmp"}) {
         fs::create_directories(fs::path(options.root) / dir, failure);
+        if (failure) {
+            error = "cannot make the device directory " + (fs::path(options.root) / dir).string() + ": " + failure.message();
+            return false;
+        }
+    }
     if (!options.card.empty()) {
         if (!fs::is_directory(options.card)) {
             error = "no card directory " + options.card;
@@ -124,7 +163,12 @@ bool prepareRoot(Options& options, std::string& error)
     if (options.hostLink) {
         fs::remove(card / "info.tg", failure);
         fs::remove(card / "default.adj", failure);
-        std::ofstream(card / "info.tgw") << "host link\n";
+        std::ofstream info(card / "info.tgw");
+        info << "host link\n";
+        if (!info) {
+            error = "cannot write info.tgw on the card";
+            return false;
+        }
     }
     setenv("PMODE_ROOT", options.root.c_str(), 1);
     return true;
@@ -144,18 +188,46 @@ std::string cardScript()
     return "/mnt/mmc/" + text.substr(0, adj + 4);
 }
 
-std::vector<std::string> preflight(const std::string& script)
+/// Checks the card's script as `pmode-sim check` does, against the loaded workers:
+/// the findings as lines into lines; the number of errors.
+int preflight(const std::string& script, std::vector<std::string>& lines)
 {
-    std::ifstream file(KernelPath(script.c_str()), std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    ScriptChecker checker(RegistryResolver(), false, 1);
-    CheckResult result = checker.Check(text.str(), script);
-    std::vector<std::string> lines;
-    for (const CheckFinding& finding : result.findings)
-        lines.push_back(script + ":" + std::to_string(finding.line) + ": " + (finding.error ? "error: " : "warning: ") +
-                        finding.message);
-    return lines;
+    const unsigned long checksBefore = pm::AssertionCount();
+    std::string text, error;
+    int errors = 0;
+    if (script.empty()) {
+        lines.push_back("error: cannot tell which script the card runs");
+        errors = 1;
+    } else if (!ReadScriptFile(KernelPath(script.c_str()), text, error)) {
+        lines.push_back(script + ": error: " + error);
+        errors = 1;
+    } else {
+        ScriptChecker checker(RegistryResolver(), false, 1);
+        CheckResult result = checker.Check(text, script);
+        for (const CheckFinding& finding : result.findings)
+            lines.push_back(script + ":" + std::to_string(finding.line) + ": " + (finding.error ? "error: " : "warning: ") +
+                            finding.message);
+        errors = result.Errors();
+    }
+    g_checksNotOfTheRun += pm::AssertionCount() - checksBefore;
+    return errors;
+}
+
+/// The failed checks of the run itself (the adjust data, the controller, the workers).
+unsigned long failedChecksOfTheRun()
+{
+    return pm::AssertionCount() - g_checksNotOfTheRun;
+}
+
+/// Adds a fault for failed checks reported since the start; makes a pass a failure
+/// when there is any fault.
+int verdict(RunFacts& facts, int status)
+{
+    facts.failedChecks = failedChecksOfTheRun();
+    if (facts.failedChecks > 0)
+        facts.faults.push_back(std::to_string(facts.failedChecks) + " failed check" + (facts.failedChecks == 1 ? "" : "s") +
+                               " reported (\"Assertion Failed!\" above)");
+    return status == kExitPassed && !facts.faults.empty() ? kExitFailed : status;
 }
 
 void onProtocolKey(keynode_t* node, void*)
@@ -174,7 +246,7 @@ double since(std::chrono::steady_clock::time_point start)
 [[noreturn]] void abortRun(RunFacts& facts, const Options& options)
 {
     facts.aborted = true;
-    facts.exitStatus = kExitAborted;
+    facts.exitStatus = verdict(facts, kExitAborted);
     RunLog::Get().PrintSummary(facts, stdout);
     if (!options.json.empty()) RunLog::Get().WriteJson(facts, options.json);
     std::fflush(nullptr);
@@ -203,6 +275,7 @@ int runScript(CProductionMode* controller, RunFacts& facts, const Options& optio
     controller->Finalize();
     CommandRecord failure;
     facts.ending = RunLog::Get().FirstFailure(failure) ? "stopped at a failing command" : "end of the script";
+    if (RunLog::Get().Records().empty()) facts.faults.push_back("no command was run");
     return RunLog::Get().Failed() > 0 ? kExitFailed : kExitPassed;
 }
 
@@ -260,11 +333,18 @@ int RunSimulator(int argc, char** argv)
                 options.card.empty() ? "" : (", card from " + options.card).c_str());
     vconf_set_str(kSimStateKey, "starting");
 
+    g_checksNotOfTheRun = pm::AssertionCount();
     CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
     adjust->Initialize();
+    unsigned char checksum = 0;
+    if (failedChecksOfTheRun() > 0 || !adjust->GetData(0, &checksum, 1))
+        facts.faults.push_back("the adjust data could not be initialised and saved on the NAND");
     if (options.step >= 0) {
         int32_t step = static_cast<int32_t>(options.step);
-        adjust->SetData(kLineNextStep, &step, 4, true);
+        if (!adjust->SetData(kLineNextStep, &step, 4, true)) {
+            std::fprintf(stderr, "pmode-sim: cannot store the resume step %ld (line value 135) on the NAND\n", options.step);
+            return kExitUsage;
+        }
     }
 
     PluginLoad plugins = LoadPlugins(options.plugins);
@@ -289,17 +369,24 @@ int RunSimulator(int argc, char** argv)
     if (kind == 1 || kind == 3) {
         facts.mode = "script";
         facts.script = cardScript();
-        if (options.check && !facts.script.empty()) {
-            facts.preflight = preflight(facts.script);
-            for (const std::string& line : facts.preflight) std::printf("pre-flight: %s\n", line.c_str());
-        }
+        const int errors = preflight(facts.script, facts.preflight);
+        for (const std::string& line : facts.preflight) std::printf("pre-flight: %s\n", line.c_str());
+        if (errors > 0)
+            facts.faults.push_back("the pre-flight check found " + std::to_string(errors) + " error" + (errors == 1 ? "" : "s") +
+                                   " in the script" + (options.force ? " (run forced with --force)" : ""));
         char label[32];
         std::snprintf(label, sizeof label, resume <= 9 ? "ADJ_0%1d" : "ADJ_%2d", resume);
         std::printf("script mode: %s%s, from step %d (label %s)\n", facts.script.c_str(),
                     kind == 3 ? " (Wi-Fi certification)" : "", resume, label);
         std::printf("------------------------------------------------------------------------\n");
         std::fflush(stdout);
-        status = runScript(controller, facts, options, start);
+        if (errors > 0 && !options.force) {
+            facts.ending = "not run: fix the script, or run it all the same with --force";
+            controller->Finalize();
+            status = kExitFailed;
+        } else {
+            status = runScript(controller, facts, options, start);
+        }
     } else if (kind == 2) {
         facts.mode = "host-link";
         status = serveHostLink(controller, facts, options, start);
@@ -312,6 +399,7 @@ int RunSimulator(int argc, char** argv)
         controller->Destroy();
         controller->Finalize();
     }
+    status = verdict(facts, status);
     facts.seconds = since(start);
     facts.exitStatus = status;
     RunLog::Get().PrintSummary(facts, stdout);
