@@ -60,6 +60,14 @@ std::vector<StoredItem> StoreNeedingEveryKindOfChange()
     return stored;
 }
 
+void ExpectSyncedWriteSurvivesARestart()
+{
+    uint32_t value = 0xC0FFEE;
+    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &value, 4, true));
+    Restart();
+    EXPECT_EQ(Bytes({0xEE, 0xFF, 0xC0, 0}), ItemBytes(ADJUST_CIS_SN));
+}
+
 TEST(AdjustRecoveryTest, SyncedWriteThatIsNotSavedAnswersFalseAndLeavesTheSavedValue)
 {
     TestRoot root;
@@ -91,10 +99,7 @@ TEST(AdjustRecoveryTest, SyncedWriteThatIsNotSavedAnswersFalseAndLeavesTheSavedV
         EXPECT_EQ("", StoreProblem(CatalogueValues()));
     }
 
-    uint32_t value = 0x5EAD;
-    ASSERT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &value, 4, true));
-    Restart();
-    EXPECT_EQ(Bytes({0xAD, 0x5E, 0, 0}), ItemBytes(ADJUST_CIS_SN));
+    ExpectSyncedWriteSurvivesARestart();
 }
 
 TEST(AdjustRecoveryTest, FreshStoreThatCannotBeSavedIsNotServedUntilItIs)
@@ -131,10 +136,7 @@ TEST(AdjustRecoveryTest, BlankRecordIsDeletedAndNeverStopsASave)
     EXPECT_EQ(assertions, pm::AssertionCount());
     EXPECT_EQ("", StoreProblem(ExpectedValues(stored)));
 
-    uint32_t value = 0xC0FFEE;
-    EXPECT_TRUE(Manager()->SetData(ADJUST_CIS_SN, &value, 4, true));
-    Restart();
-    EXPECT_EQ(Bytes({0xEE, 0xFF, 0xC0, 0}), ItemBytes(ADJUST_CIS_SN));
+    ExpectSyncedWriteSurvivesARestart();
 }
 
 TEST(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValue)

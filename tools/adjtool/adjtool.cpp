@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "AdjustDataList.h"
+#include "AdjustGroupLayout.h"
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
 #include "DeviceRoot.h"
@@ -56,18 +57,8 @@ constexpr int EXIT_OK = 0;
 constexpr int EXIT_FOUND = 1;
 constexpr int EXIT_USAGE = 2;
 
-constexpr int PREF_ID_ADJUST = 3;
-constexpr unsigned long MARKER1_OFFSET = 8;
-constexpr unsigned long MARKER2_OFFSET = 5294097;
-constexpr unsigned char MARKER1 = 0x11;
-constexpr unsigned char MARKER2 = 0x26;
-constexpr unsigned long HEADER_SIZE_OFFSET = 9;
-constexpr unsigned long HEADER_DATA_OFFSET = 13;
-constexpr unsigned long BODY_SIZE_OFFSET = 51213;
-constexpr unsigned long BODY_DATA_OFFSET = 51217;
-constexpr long HEADER_CAPACITY = 51200;
-constexpr long BODY_CAPACITY = 5242880;
-constexpr unsigned long RECORD_SIZE = 140;
+using namespace pm::adjust;
+constexpr unsigned long RECORD_SIZE = ADJ_HEADER_RECORD_SIZE;
 constexpr const char* DEVICE_OPERAND = "@device";
 
 // Items whose GetData answer comes from the shipment-country table.

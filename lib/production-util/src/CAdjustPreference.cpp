@@ -1,5 +1,6 @@
 #include "CAdjustPreference.h"
 
+#include "AdjustGroupLayout.h"
 #include "PMReport.h"
 #include "kernel.h"
 #include "pref.h"
@@ -13,11 +14,8 @@
 
 namespace {
 
-constexpr int kGroup = 3;
-constexpr unsigned long kFirstMarkerOffset = 8;
-constexpr unsigned long kSecondMarkerOffset = 5294097;
-constexpr unsigned char kFirstMarker = 0x11;
-constexpr unsigned char kSecondMarker = 0x26;
+using namespace pm::adjust;
+constexpr int kGroup = PREF_ID_ADJUST;
 constexpr unsigned long kRecordSize = 140;
 constexpr unsigned long kChunkSize = 1024;
 
@@ -79,8 +77,8 @@ unsigned long CAdjustPreference::GetItemNum()
 
 bool CAdjustPreference::crcCheck()
 {
-    return pref_get_byte(kGroup, kFirstMarkerOffset) == kFirstMarker
-        && pref_get_byte(kGroup, kSecondMarkerOffset) == kSecondMarker;
+    return pref_get_byte(kGroup, MARKER1_OFFSET) == MARKER1
+        && pref_get_byte(kGroup, MARKER2_OFFSET) == MARKER2;
 }
 
 unsigned long CAdjustPreference::roomInImage() const
