@@ -15,6 +15,7 @@
 #include "_tPM_Command.h"
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -72,8 +73,10 @@ public:
     bool isLogicOperation();
     /// The next command to run (an empty command at the end of the script), with
     /// labels passed over and goto lines carried out. Call Parsing() before it.
-    /// A goto that cannot be carried out (unknown label, no count) is reported as a
-    /// failed check and Read gives the empty command, which ends the run.
+    /// A goto that cannot be carried out (unknown label, no count), and a loop of
+    /// gotos that would run for ever without reaching a command (a count of 0 with
+    /// no command in the loop), are reported as a failed check and Read gives the
+    /// empty command, which ends the run.
     _tPM_Command Read();
     /// Jumps to a label, counting down a running goto loop. True when the jump was
     /// made or the loop has ended.
@@ -83,6 +86,9 @@ public:
 
 private:
     bool isCommandLine(int line);
+    /// GotoLabel for the goto just parsed; false also when it closes an endless
+    /// loop that holds no command.
+    bool carryOutGoto(std::set<int>& landedAfresh);
     int lineCount() const { return static_cast<int>(vecLineOffset.size()); }
 
     int nCurLine;

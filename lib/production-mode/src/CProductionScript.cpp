@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <set>
 
 namespace {
 
@@ -299,25 +300,42 @@ bool CProductionScript::GotoLabel(const char* label)
     return true;
 }
 
+bool CProductionScript::carryOutGoto(std::set<int>& landedAfresh)
+{
+    const int from = nCurLine;
+    if (!GotoLabel(tCommand.szParam[0])) return false;
+    if (nCurLine == from || nLoopCount >= 1) return true;
+    // A loop started afresh (counter below 1) goes on the same way from the line it
+    // lands on, whatever its count: landing there twice without a command in between
+    // is a loop that never ends and never hands out a command.
+    if (!landedAfresh.insert(nCurLine).second) {
+        PM_ERROR_LOG("goto %s at line %d loops without end and without a command\n", tCommand.szParam[0], from);
+        return false;
+    }
+    return true;
+}
+
 _tPM_Command CProductionScript::Read()
 {
     if (isEOF()) return _tPM_Command();
     switch (nLogicType) {
-    case LOGIC_GOTO:
-        PM_CHECK(GotoLabel(tCommand.szParam[0]), _tPM_Command());
+    case LOGIC_GOTO: {
+        std::set<int> landedAfresh; // lines jumped to, within this call, by a fresh loop
+        PM_CHECK(carryOutGoto(landedAfresh), _tPM_Command());
         for (;;) {
             nextLine();
             Parsing();
             if (isEOF()) break;
             if (nLogicType == LOGIC_LABEL) continue;
             if (nLogicType == LOGIC_GOTO) {
-                PM_CHECK(GotoLabel(tCommand.szParam[0]), _tPM_Command());
+                PM_CHECK(carryOutGoto(landedAfresh), _tPM_Command());
                 continue;
             }
             nextLine();
             break;
         }
         break;
+    }
     case LOGIC_LABEL:
         do {
             if (isEOF()) break;
