@@ -189,7 +189,9 @@ uint32_t CProductionPTP::GetPTPMessageType()
 _tPM_Command CProductionPTP::ReadScript()
 {
     _tPM_Command command;
-    if (pMessageBuffer != nullptr) {
+    // Only a script line's buffer is text; a protocol payload has no end mark and
+    // stays the caller's until SendPTP.
+    if (pMessageBuffer != nullptr && nMessageType == PTP_MSG_SCRIPT) {
         command = cScript.Parsing(pMessageBuffer);
         releaseBuffer();
     }
@@ -225,7 +227,9 @@ int32_t CProductionPTP::ReceivePTP(int& operation, int& p1, int& p2, int& p3, in
         result = -3;
         PM_ASSERT_FAILED();
     } else {
-        pMessageBuffer = static_cast<char*>(std::malloc(static_cast<size_t>(size)));
+        // One byte more, always 0: the buffer ends like a script line's text, so that
+        // nothing that reads it as text can run past the payload.
+        pMessageBuffer = static_cast<char*>(std::calloc(static_cast<size_t>(size) + 1, 1));
         if (pMessageBuffer == nullptr) {
             PM_ERROR_LOG("CProductionPTP cannot hold a payload of %ld bytes\n", size);
             result = -2;
