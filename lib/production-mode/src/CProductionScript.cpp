@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <set>
 
 namespace {
 
@@ -300,15 +299,27 @@ bool CProductionScript::GotoLabel(const char* label)
     return true;
 }
 
-bool CProductionScript::carryOutGoto(std::set<int>& landedAfresh)
+bool CProductionScript::LoopWatch::Repeats(int line, int count)
+{
+    if (line == savedLine && count == savedCount) return true;
+    if (++steps == limit) {
+        savedLine = line;
+        savedCount = count;
+        steps = 0;
+        limit *= 2;
+    }
+    return false;
+}
+
+bool CProductionScript::carryOutGoto(LoopWatch& watch)
 {
     const int from = nCurLine;
     if (!GotoLabel(tCommand.szParam[0])) return false;
-    if (nCurLine == from || nLoopCount >= 1) return true;
-    // A loop started afresh (counter below 1) goes on the same way from the line it
-    // lands on, whatever its count: landing there twice without a command in between
-    // is a loop that never ends and never hands out a command.
-    if (!landedAfresh.insert(nCurLine).second) {
+    if (nCurLine == from) return true; // a counted loop has ended
+    // Between two commands the run is fixed by the line and the counter: landing
+    // twice in the same state without a command in between is a loop that never
+    // ends and never hands out a command.
+    if (watch.Repeats(nCurLine, nLoopCount)) {
         PM_ERROR_LOG("goto %s at line %d loops without end and without a command\n", tCommand.szParam[0], from);
         return false;
     }
@@ -320,15 +331,15 @@ _tPM_Command CProductionScript::Read()
     if (isEOF()) return _tPM_Command();
     switch (nLogicType) {
     case LOGIC_GOTO: {
-        std::set<int> landedAfresh; // lines jumped to, within this call, by a fresh loop
-        PM_CHECK(carryOutGoto(landedAfresh), _tPM_Command());
+        LoopWatch watch; // the jumps of this call
+        PM_CHECK(carryOutGoto(watch), _tPM_Command());
         for (;;) {
             nextLine();
             Parsing();
             if (isEOF()) break;
             if (nLogicType == LOGIC_LABEL) continue;
             if (nLogicType == LOGIC_GOTO) {
-                PM_CHECK(carryOutGoto(landedAfresh), _tPM_Command());
+                PM_CHECK(carryOutGoto(watch), _tPM_Command());
                 continue;
             }
             nextLine();
