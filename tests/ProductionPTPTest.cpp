@@ -198,6 +198,7 @@ TEST_F(ProductionPTPTest, ProtocolMessagesWithAndWithoutPayload)
     const Case cases[] = {
         {"no payload file", false, "", 0},
         {"payload", true, std::string("\x01\x00\xFFraw", 6), 0},
+        {"payload that reads like a script line", true, "key press 1", 0},
         {"empty payload", true, "", -4},
     };
     int trigger = 0x00030001;
@@ -216,6 +217,7 @@ TEST_F(ProductionPTPTest, ProtocolMessagesWithAndWithoutPayload)
         char sentinel = 0;
         char* data = &sentinel;
         EXPECT_EQ(c.expected, channel.ReceivePTP(op, p1, p2, p3, p4, &data));
+        EXPECT_EQ(-1, channel.ReadScript().nParamCount) << "a payload is never read as a script line";
         if (c.expected == 0) {
             EXPECT_EQ(trigger, op);
             EXPECT_EQ((std::vector<int>{11, -22, 33, 44}), (std::vector<int>{p1, p2, p3, p4}));
@@ -226,6 +228,7 @@ TEST_F(ProductionPTPTest, ProtocolMessagesWithAndWithoutPayload)
         if (c.payloadFile && c.expected == 0) {
             ASSERT_NE(&sentinel, data);
             EXPECT_EQ(c.payload, std::string(data, c.payload.size()));
+            EXPECT_EQ('\0', data[c.payload.size()]) << "a payload read as text ends with it";
         } else {
             EXPECT_EQ(&sentinel, data) << "payload output untouched";
         }

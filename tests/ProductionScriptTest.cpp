@@ -265,6 +265,8 @@ TEST_F(ProductionScriptTest, BrokenGotosAreReportedAndEndTheRun)
     const Case cases[] = {
         {"unknown label", "a 1\ngoto NOWHERE 2\nb 1\n"},
         {"no count", "label L\na 1\ngoto L\nb 1\n"},
+        {"endless loop without a command", "a 1\ngoto L 0\nlabel L\ngoto L 0\nb 1\n"},
+        {"endless counted loops without a command", "a 1\ngoto L 1\nlabel L\ngoto L 1\ngoto L 1\nb 1\n"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

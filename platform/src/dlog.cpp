@@ -36,7 +36,9 @@ extern "C" int __dlog_print(int log_id, int prio, const char* tag, const char* f
     char text[1024];
     va_list args;
     va_start(args, fmt);
-    int length = std::vsnprintf(text, sizeof text, fmt != nullptr ? fmt : "", args);
+    int length = 0;
+    if (fmt != nullptr) length = std::vsnprintf(text, sizeof text, fmt, args);
+    else text[0] = '\0';
     va_end(args);
     if (length < 0) return -1;
 

@@ -71,12 +71,14 @@ public:
     void PollingPTPComm();
     /// PTP_MSG_NONE, PTP_MSG_SCRIPT or PTP_MSG_PROTOCOL. Any thread.
     uint32_t GetPTPMessageType();
-    /// The command of the pending script line (an empty command when none); the
-    /// line's text is taken from the channel and released. Controller's thread.
+    /// The command of the pending script line (an empty command when none, also
+    /// while a protocol message is pending); the line's text is taken from the
+    /// channel and released. Controller's thread.
     _tPM_Command ReadScript();
     /// Reads the pending protocol message: operation code, p1 to p4 and, when the
     /// payload file exists, the payload (the channel's buffer, valid until
-    /// SendPTP). 0; -1 the payload cannot be positioned; -2 short read; -3 an
+    /// SendPTP; a NUL that is not part of it follows its bytes). 0; -1 the payload
+    /// cannot be positioned; -2 short read; -3 an
     /// earlier payload is still held; -4 empty payload; -5 an operation-code or
     /// p1/p2 key cannot be read. Controller's thread.
     int32_t ReceivePTP(int& operation, int& p1, int& p2, int& p3, int& p4, char** payload);

@@ -14,6 +14,7 @@
 
 #include "_tPM_Command.h"
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -72,8 +73,9 @@ public:
     bool isLogicOperation();
     /// The next command to run (an empty command at the end of the script), with
     /// labels passed over and goto lines carried out. Call Parsing() before it.
-    /// A goto that cannot be carried out (unknown label, no count) is reported as a
-    /// failed check and Read gives the empty command, which ends the run.
+    /// A goto that cannot be carried out (unknown label, no count), and a loop of
+    /// gotos that would run for ever without reaching a command, are reported as a failed check and Read gives the
+    /// empty command, which ends the run.
     _tPM_Command Read();
     /// Jumps to a label, counting down a running goto loop. True when the jump was
     /// made or the loop has ended.
@@ -83,6 +85,19 @@ public:
 
 private:
     bool isCommandLine(int line);
+    /// Spots a repeated state among the jumps of one Read (Brent's cycle search:
+    /// the state saved at power-of-two steps is compared with every later one).
+    struct LoopWatch {
+        int savedLine = -1;
+        int savedCount = 0;
+        uint64_t steps = 0;
+        uint64_t limit = 1;
+        /// True when (line, count) equals the saved state.
+        bool Repeats(int line, int count);
+    };
+    /// GotoLabel for the goto just parsed; false also when it closes an endless
+    /// loop that holds no command.
+    bool carryOutGoto(LoopWatch& watch);
     int lineCount() const { return static_cast<int>(vecLineOffset.size()); }
 
     int nCurLine;

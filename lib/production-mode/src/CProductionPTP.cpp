@@ -328,7 +328,9 @@ int32_t CProductionPTP::ReceivePTP(int& operation, int& p1, int& p2, int& p3, in
         result = -3;
         PM_ASSERT_FAILED();
     } else {
-        pPayload = static_cast<char*>(std::malloc(static_cast<size_t>(size)));
+        // One byte more, always 0: nothing that reads the payload as text can run
+        // past its end.
+        pPayload = static_cast<char*>(std::calloc(static_cast<size_t>(size) + 1, 1));
         if (pPayload == nullptr) {
             PM_ERROR_LOG("CProductionPTP cannot hold a payload of %ld bytes\n", size);
             result = -2;

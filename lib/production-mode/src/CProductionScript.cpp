@@ -299,25 +299,54 @@ bool CProductionScript::GotoLabel(const char* label)
     return true;
 }
 
+bool CProductionScript::LoopWatch::Repeats(int line, int count)
+{
+    if (line == savedLine && count == savedCount) return true;
+    if (++steps == limit) {
+        savedLine = line;
+        savedCount = count;
+        steps = 0;
+        limit *= 2;
+    }
+    return false;
+}
+
+bool CProductionScript::carryOutGoto(LoopWatch& watch)
+{
+    const int from = nCurLine;
+    if (!GotoLabel(tCommand.szParam[0])) return false;
+    if (nCurLine == from) return true; // a counted loop has ended
+    // Between two commands the run is fixed by the line and the counter: landing
+    // twice in the same state without a command in between is a loop that never
+    // ends and never hands out a command.
+    if (watch.Repeats(nCurLine, nLoopCount)) {
+        PM_ERROR_LOG("goto %s at line %d loops without end and without a command\n", tCommand.szParam[0], from);
+        return false;
+    }
+    return true;
+}
+
 _tPM_Command CProductionScript::Read()
 {
     if (isEOF()) return _tPM_Command();
     switch (nLogicType) {
-    case LOGIC_GOTO:
-        PM_CHECK(GotoLabel(tCommand.szParam[0]), _tPM_Command());
+    case LOGIC_GOTO: {
+        LoopWatch watch; // the jumps of this call
+        PM_CHECK(carryOutGoto(watch), _tPM_Command());
         for (;;) {
             nextLine();
             Parsing();
             if (isEOF()) break;
             if (nLogicType == LOGIC_LABEL) continue;
             if (nLogicType == LOGIC_GOTO) {
-                PM_CHECK(GotoLabel(tCommand.szParam[0]), _tPM_Command());
+                PM_CHECK(carryOutGoto(watch), _tPM_Command());
                 continue;
             }
             nextLine();
             break;
         }
         break;
+    }
     case LOGIC_LABEL:
         do {
             if (isEOF()) break;

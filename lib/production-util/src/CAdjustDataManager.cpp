@@ -253,6 +253,7 @@ CAdjustData* CAdjustDataManager::find(char const* name)
 bool CAdjustDataManager::GetData(int id, void* buffer, unsigned long length)
 {
     ADJUST_DATA_MANAGER_LOCK(mutex);
+    PM_CHECK(buffer != nullptr || length == 0, false);
     if (!isLineId(id) && !readyForItems()) return false;
 
     if (isCountryDerived(id)) {
@@ -272,11 +273,11 @@ bool CAdjustDataManager::GetData(int id, void* buffer, unsigned long length)
         const uint32_t word = COUNTRY_DATA_LIST[country][countryDataWordOf(id)];
         if (id == ADJUST_5GHZ_WIFI_CONTRY_CODE) {
             const char text[3] = {static_cast<char>(word & 0xff), static_cast<char>((word >> 8) & 0xff), '\0'};
-            std::memcpy(buffer, text, std::min<unsigned long>(length, sizeof(text)));
+            if (length > 0) std::memcpy(buffer, text, std::min<unsigned long>(length, sizeof(text)));
         } else {
             const uint8_t bytes[4] = {static_cast<uint8_t>(word), static_cast<uint8_t>(word >> 8),
                                       static_cast<uint8_t>(word >> 16), static_cast<uint8_t>(word >> 24)};
-            std::memcpy(buffer, bytes, std::min<unsigned long>(length, sizeof(bytes)));
+            if (length > 0) std::memcpy(buffer, bytes, std::min<unsigned long>(length, sizeof(bytes)));
         }
         return result;
     }
