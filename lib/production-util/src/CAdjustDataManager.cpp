@@ -301,6 +301,7 @@ bool CAdjustDataManager::GetData(int id, void* buffer, unsigned long length)
 bool CAdjustDataManager::SetData(int id, void* buffer, unsigned long length, bool sync)
 {
     ADJUST_DATA_MANAGER_LOCK(mutex);
+    PM_CHECK(buffer != nullptr || length == 0, false);
     const char* syncMark = sync ? "[sync]" : "";
 
     if (!isLineId(id)) {
