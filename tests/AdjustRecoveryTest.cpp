@@ -249,6 +249,17 @@ bool KilledAt(long at, const std::function<void()>& op)
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
+// Runs op with the fault at file operation `at`: in this process, or in a child killed
+// there. False when the child ran to its end before reaching `at`.
+bool RunWithFault(filefaults::Action action, long at, const std::function<void()>& op)
+{
+    if (action == filefaults::Action::Kill) return KilledAt(at, op);
+    filefaults::Arm(action, at);
+    op();
+    filefaults::Disarm();
+    return true;
+}
+
 // Counts and names the file operations of op.
 std::vector<long> PointsOf(const std::function<void()>& op)
 {
@@ -289,13 +300,7 @@ TEST(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
         for (long at : points) {
             prepare();
             answered = false;
-            if (action == filefaults::Action::Kill) {
-                if (!KilledAt(at, op)) continue;
-            } else {
-                filefaults::Arm(action, at);
-                op();
-                filefaults::Disarm();
-            }
+            if (!RunWithFault(action, at, op)) continue;
             ++counts.points;
             const std::string nand = NandImage(root);
             if (nand != oldImage && nand != newImage) ++counts.torn;
@@ -350,15 +355,11 @@ TEST(AdjustRecoveryTest, StartUpReArrangementSurvivesAFaultAtEveryFileOperation)
     for (filefaults::Action action : kFaults) {
         for (long at : points) {
             prepare();
-            if (action == filefaults::Action::Kill) {
-                if (!KilledAt(at, op)) continue;
-            } else {
-                filefaults::Arm(action, at);
-                op();
-                filefaults::Disarm();
-                // Whatever the manager serves now is right, or it serves nothing.
-                if (Manager()->find(ADJUST_CIS_SN) != nullptr && !StoreProblem(expected).empty()) ++counts.lost;
-            }
+            if (!RunWithFault(action, at, op)) continue;
+            // Whatever the manager serves now is right, or it serves nothing.
+            if (action != filefaults::Action::Kill && Manager()->find(ADJUST_CIS_SN) != nullptr
+                && !StoreProblem(expected).empty())
+                ++counts.lost;
             ++counts.points;
             const std::string nand = NandImage(root);
             if (nand != oldImage && nand != newImage) {
