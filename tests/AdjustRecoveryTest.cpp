@@ -172,34 +172,56 @@ TEST(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValue)
 
 TEST(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItKeepsTheCamerasData)
 {
-    TestRoot root;
-    MakeDeviceDirs(root);
-    root.WriteFile("/mnt/mmc/.keep", "");
-    // Needs a re-arrangement, and its last record reaches past the body.
-    WriteStore(StoreNeedingEveryKindOfChange());
-    pref_set_long(kAdjustGroup, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt) - 2);
-    pref_save(kAdjustGroup);
-    std::string broken = "/mnt/mmc/broken.dump";
-    ASSERT_EQ(0, pref_save_to_file(kAdjustGroup, broken.c_str()));
-    pref_sim_forget_images();
-    const std::string nand = NandImage(root);
+    struct Case {
+        const char* name;
+        std::function<void()> breakIt;
+    };
+    const Case cases[] = {
+        {"the last record reaches past the body",
+         [] {
+             WriteStore(StoreNeedingEveryKindOfChange());
+             pref_set_long(kAdjustGroup, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt) - 2);
+         }},
+        {"a growing item would push the body past its capacity",
+         [] {
+             // A 2.4 MB table stored as 1 byte, and a 4 MB retired table after it that
+             // goes only once the table has grown.
+             std::vector<StoredItem> stored = CatalogueWithPatterns();
+             stored[ADJUST_CAPTURE_LTE_DEFECT_PIXEL_ADR].bytes = Bytes{1};
+             stored.push_back(StoredItem{"ADJUST_RETIRED_TABLE", Bytes(4000000, 0xC5)});
+             WriteStore(stored);
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TestRoot root;
+        MakeDeviceDirs(root);
+        root.WriteFile("/mnt/mmc/.keep", "");
+        Manager()->Finalize();
+        c.breakIt();
+        pref_save(kAdjustGroup);
+        std::string broken = "/mnt/mmc/broken.dump";
+        ASSERT_EQ(0, pref_save_to_file(kAdjustGroup, broken.c_str()));
+        pref_sim_forget_images();
+        const std::string nand = NandImage(root);
 
-    const unsigned long assertions = pm::AssertionCount();
-    Manager()->Initialize();
-    EXPECT_LT(assertions, pm::AssertionCount());
-    EXPECT_EQ(nand, NandImage(root)) << "nothing is written";
-    uint32_t serial = 0;
-    EXPECT_FALSE(Manager()->GetData(ADJUST_CIS_SN, &serial, 4));
+        const unsigned long assertions = pm::AssertionCount();
+        Manager()->Initialize();
+        EXPECT_LT(assertions, pm::AssertionCount());
+        EXPECT_EQ(nand, NandImage(root)) << "nothing is written";
+        uint32_t serial = 0;
+        EXPECT_FALSE(Manager()->GetData(ADJUST_CIS_SN, &serial, 4));
 
-    // A camera with good data refuses the broken file and keeps its own.
-    Manager()->Finalize();
-    WriteStore(CatalogueWithPatterns());
-    pref_sim_forget_images();
-    Manager()->Initialize();
-    EXPECT_FALSE(Manager()->LoadDataFromFile(broken.data()));
-    EXPECT_EQ("", StoreProblem(CatalogueValues()));
-    Restart();
-    EXPECT_EQ("", StoreProblem(CatalogueValues()));
+        // A camera with good data refuses the broken file and keeps its own.
+        Manager()->Finalize();
+        WriteStore(CatalogueWithPatterns());
+        pref_sim_forget_images();
+        Manager()->Initialize();
+        EXPECT_FALSE(Manager()->LoadDataFromFile(broken.data()));
+        EXPECT_EQ("", StoreProblem(CatalogueValues()));
+        Restart();
+        EXPECT_EQ("", StoreProblem(CatalogueValues()));
+    }
 }
 
 TEST(AdjustRecoveryTest, LineValueThatCannotBeReadAnswersFalseAndLeavesTheBuffer)

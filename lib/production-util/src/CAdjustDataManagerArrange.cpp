@@ -74,6 +74,56 @@ CAdjustData* itemAt(const std::vector<CAdjustData*>& items, size_t index)
     return index < items.size() ? items[index] : nullptr;
 }
 
+// Re-arrangement moves every later item by what an Insert or Remove adds or takes:
+// that lands each item where the plan says only when the stored items lie back to back
+// in record order inside the body area.
+bool storedItemsLieBackToBack(const std::vector<CAdjustData*>& items)
+{
+    const uint64_t bodyLength = static_cast<uint64_t>(std::max(0L, pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET)));
+    uint64_t end = 0;
+    bool firstStored = true;
+    for (CAdjustData* item : items) {
+        if (item == nullptr || oldSize(item) == 0) continue;
+        if (!firstStored && oldOffset(item) != end) {
+            PM_ERROR_LOG("Adjust data cannot be re-arranged: %s lies at %lu, the item before ends at %llu",
+                         itemName(item), oldOffset(item), static_cast<unsigned long long>(end));
+            return false;
+        }
+        firstStored = false;
+        end = static_cast<uint64_t>(oldOffset(item)) + oldSize(item);
+    }
+    if (end > bodyLength) {
+        PM_ERROR_LOG("Adjust data cannot be re-arranged: the items end at %llu, past the body area (%llu bytes)",
+                     static_cast<unsigned long long>(end), static_cast<unsigned long long>(bodyLength));
+        return false;
+    }
+    return true;
+}
+
+// Neither area may outgrow its place in the group at any step of the sync, which
+// carries the items out in list order.
+bool areasStayInsideTheGroup(const std::vector<CAdjustData*>& items)
+{
+    int64_t header = std::max(0L, pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET));
+    int64_t body = std::max(0L, pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET));
+    for (CAdjustData* item : items) {
+        if (item == nullptr) continue;
+        if (isToBeDeleted(item)) {
+            header -= static_cast<int64_t>(ADJ_HEADER_RECORD_SIZE);
+            body -= static_cast<int64_t>(oldSize(item));
+            continue;
+        }
+        if (oldSize(item) == 0) header += static_cast<int64_t>(ADJ_HEADER_RECORD_SIZE);
+        body += static_cast<int64_t>(newSize(item)) - static_cast<int64_t>(oldSize(item));
+        if (header > HEADER_CAPACITY || body > BODY_CAPACITY) {
+            PM_ERROR_LOG("Adjust data cannot be re-arranged: the areas would outgrow the group (header %lld, body %lld bytes)",
+                         static_cast<long long>(header), static_cast<long long>(body));
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 bool CAdjustDataManager::readAdjustHeaderInfo()
@@ -205,47 +255,7 @@ bool CAdjustDataManager::arrangeData()
 
 bool CAdjustDataManager::arrangementIsSafe()
 {
-    // Re-arrangement moves every later item by what an Insert or Remove adds or takes:
-    // that lands each item where the plan says only when the stored items lie back to
-    // back in record order inside the body area.
-    const uint64_t bodyLength = static_cast<uint64_t>(std::max(0L, pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET)));
-    uint64_t end = 0;
-    bool firstStored = true;
-    for (CAdjustData* item : items) {
-        if (item == nullptr || oldSize(item) == 0) continue;
-        if (!firstStored && oldOffset(item) != end) {
-            PM_ERROR_LOG("Adjust data cannot be re-arranged: %s lies at %lu, the item before ends at %llu",
-                         itemName(item), oldOffset(item), static_cast<unsigned long long>(end));
-            return false;
-        }
-        firstStored = false;
-        end = static_cast<uint64_t>(oldOffset(item)) + oldSize(item);
-    }
-    if (end > bodyLength) {
-        PM_ERROR_LOG("Adjust data cannot be re-arranged: the items end at %llu, past the body area (%llu bytes)",
-                     static_cast<unsigned long long>(end), static_cast<unsigned long long>(bodyLength));
-        return false;
-    }
-
-    // Neither area may outgrow its place in the group at any step of the sync.
-    int64_t headerLength = std::max(0L, pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET));
-    int64_t body = static_cast<int64_t>(bodyLength);
-    for (CAdjustData* item : items) {
-        if (item == nullptr) continue;
-        if (isToBeDeleted(item)) {
-            headerLength -= ADJ_HEADER_RECORD_SIZE;
-            body -= static_cast<int64_t>(oldSize(item));
-            continue;
-        }
-        if (oldSize(item) == 0) headerLength += ADJ_HEADER_RECORD_SIZE;
-        body += static_cast<int64_t>(newSize(item)) - static_cast<int64_t>(oldSize(item));
-        if (headerLength > HEADER_CAPACITY || body > BODY_CAPACITY) {
-            PM_ERROR_LOG("Adjust data cannot be re-arranged: the areas would outgrow the group (header %lld, body %lld bytes)",
-                         static_cast<long long>(headerLength), static_cast<long long>(body));
-            return false;
-        }
-    }
-    return true;
+    return storedItemsLieBackToBack(items) && areasStayInsideTheGroup(items);
 }
 
 void CAdjustDataManager::reallocateOffset(int first)
