@@ -184,11 +184,13 @@ TEST(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItKee
          }},
         {"a growing item would push the body past its capacity",
          [] {
-             // A 2.4 MB table stored as 1 byte, and a 4 MB retired table after it that
-             // goes only once the table has grown.
+             // A 2.4 MB table stored as 1 byte, and a retired table after it that goes
+             // only once the table has grown: on the way the body would be one byte
+             // longer than its area, over the group's second marker.
              std::vector<StoredItem> stored = CatalogueWithPatterns();
              stored[ADJUST_CAPTURE_LTE_DEFECT_PIXEL_ADR].bytes = Bytes{1};
-             stored.push_back(StoredItem{"ADJUST_RETIRED_TABLE", Bytes(4000000, 0xC5)});
+             const size_t retired = 5242880 + 1 - static_cast<size_t>(kFreshBodyBytes);
+             stored.push_back(StoredItem{"ADJUST_RETIRED_TABLE", Bytes(retired, 0xC5)});
              WriteStore(stored);
          }},
     };
