@@ -122,7 +122,7 @@ bool CAdjustData::Get(void* buffer, unsigned long length)
             return false;
         }
         if (cache != nullptr) {
-            std::memcpy(buffer, cache, length);
+            if (length > 0) std::memcpy(buffer, cache, length);
             return true;
         }
         return readBody(newOffset, buffer, length);
