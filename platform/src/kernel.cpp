@@ -13,8 +13,10 @@ namespace {
 /// Creates "<root>/tmp" the first time a root is met (a device always has one).
 void ensureDeviceTmp(const char* root)
 {
-    static std::mutex mutex;
-    static std::string lastRoot;
+    // Never destroyed: a notification thread of the key-value store may still map a
+    // path while the process runs its exit handlers.
+    static std::mutex& mutex = *new std::mutex;
+    static std::string& lastRoot = *new std::string;
     std::lock_guard<std::mutex> lock(mutex);
     if (lastRoot == root) return;
     std::string tmp = root;
