@@ -1,5 +1,6 @@
 // The simulated preference store: defaults, survival across restart, refusal of
 // bad files, failure switches and atomic saves under power loss.
+#include "FileFaults.h"
 #include "TestRoot.h"
 #include "kernel.h"
 #include "pref.h"
@@ -11,11 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -271,61 +270,58 @@ bool isImage(const unsigned char* at, unsigned long size, uint32_t k)
 
 TEST_F(PrefStoreTest, SaveIsAtomicWhenTheProcessIsKilledAtAnyMoment)
 {
-    constexpr int kKills = 40;
-    constexpr uint32_t kRoundStride = 1000000;
     unsigned long size = 0;
     unsigned char* group3 = pref_get_addr(3, &size);
-    // Kills spread over about two and a half fill-and-save cycles of this build on
-    // this machine: some land before the child's first save ends, most during one.
-    const auto started = std::chrono::steady_clock::now();
-    fillImage(group3, size, 0);
+    fillImage(group3, size, 1);
     ASSERT_EQ(0, pref_save(3));
-    const auto cycleMs =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
+    // Every file operation of a save, each a moment for the power to go.
+    filefaults::Arm(filefaults::Action::Count);
+    ASSERT_EQ(0, pref_save(3));
+    filefaults::Disarm();
+    const long operations = filefaults::Count();
+    ASSERT_GT(operations, 3);
 
-    std::mt19937 random(20261122);
-    std::uniform_int_distribution<int> delayMs(0, static_cast<int>(cycleMs * 5 / 2) + 5);
     const std::filesystem::path dir = std::filesystem::path(nandFile(root, 3)).parent_path();
-    uint32_t lastSeen = 0;
+    uint32_t lastSeen = 1;
     int newImages = 0;
     int killedWhileWriting = 0;
-    for (int round = 1; round <= kKills; ++round) {
-        const uint32_t first = static_cast<uint32_t>(round) * kRoundStride;
+    int temporariesBefore = 0;
+    for (long at = 1; at <= operations + 1; ++at) {
+        const uint32_t k = static_cast<uint32_t>(at) + 1;
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-            for (uint32_t k = first;; ++k) {
-                fillImage(group3, size, k);
-                if (pref_save(3) != 0) _exit(2);
-            }
+            fillImage(group3, size, k);
+            filefaults::Arm(filefaults::Action::Kill, at);
+            _exit(pref_save(3) == 0 ? 0 : 2);
         }
-        usleep(static_cast<useconds_t>(delayMs(random)) * 1000);
-        kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(child, waitpid(child, &status, 0));
-        ASSERT_TRUE(WIFSIGNALED(status)) << "round " << round << ": the saver stopped by itself";
+        const bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+        ASSERT_TRUE(killed || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << "operation " << at;
 
-        for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-            if (entry.path().filename().string().rfind("group3.bin.tmp.", 0) == 0) {
-                ++killedWhileWriting;
-                break;
-            }
-        }
+        int temporaries = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(dir))
+            temporaries += entry.path().filename().string().rfind("group3.bin.tmp.", 0) == 0;
+        killedWhileWriting += temporaries > temporariesBefore;
+        temporariesBefore = temporaries;
 
         pref_sim_forget_images();
-        ASSERT_EQ(0, pref_load(3)) << "round " << round << ": the group on NAND does not load";
-        uint32_t k = 0;
-        std::memcpy(&k, group3 + 100, sizeof k);
-        const bool fromThisRound = k >= first && k < first + kRoundStride;
-        ASSERT_TRUE(k == lastSeen || fromThisRound) << "round " << round << ": image " << k << " was never written";
-        ASSERT_TRUE(isImage(group3, size, k)) << "round " << round << ": image " << k << " is mixed";
-        newImages += fromThisRound;
-        lastSeen = k;
+        ASSERT_EQ(0, pref_load(3)) << "operation " << at << ": the group on NAND does not load";
+        uint32_t found = 0;
+        std::memcpy(&found, group3 + 100, sizeof found);
+        ASSERT_TRUE(found == lastSeen || found == k) << "operation " << at << ": image " << found << " was never written";
+        ASSERT_TRUE(isImage(group3, size, found)) << "operation " << at << ": image " << found << " is mixed";
+        if (!killed) {
+            EXPECT_EQ(k, found) << "a save that ran to its end is on NAND";
+        }
+        newImages += found == k;
+        lastSeen = found;
     }
     RecordProperty("new_images", newImages);
     RecordProperty("killed_while_writing", killedWhileWriting);
-    EXPECT_GT(newImages, 0) << "no kill came after a completed save: the test proved nothing";
-    EXPECT_GT(killedWhileWriting, 0) << "no kill came in the middle of a save: the test proved nothing";
+    EXPECT_GT(newImages, 1) << "no kill came after the rename";
+    EXPECT_GT(killedWhileWriting, 0) << "no kill came in the middle of a save";
 
     // The temporaries of the killed savers go with the next save.
     ASSERT_EQ(0, pref_save(3));
