@@ -157,6 +157,8 @@ TEST(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValue)
     for (int id = 0; id < ADJUST_GYRO_DSP_THERM; ++id) EXPECT_EQ(Pattern(id, ADJUST_DATA_LIST[id].size), ItemBytes(id)) << id;
     Bytes last(ADJUST_DATA_LIST[ADJUST_GYRO_DSP_THERM].size);
     EXPECT_FALSE(Manager()->GetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size()));
+    EXPECT_FALSE(Manager()->SetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size(), true));
+    EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup)) << "a write that could not be done saves nothing";
 
     // A dump of it, loaded on a camera with values of its own, brings the dump's values.
     std::string dump = "/mnt/mmc/short.dump";
@@ -213,6 +215,8 @@ TEST(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItKee
         EXPECT_EQ(nand, NandImage(root)) << "nothing is written";
         uint32_t serial = 0;
         EXPECT_FALSE(Manager()->GetData(ADJUST_CIS_SN, &serial, 4));
+        EXPECT_FALSE(Manager()->ResetData(ADJUST_CIS_SN)) << "a store that cannot start is not reset whole";
+        EXPECT_EQ(nand, NandImage(root));
 
         // A camera with good data refuses the broken file and keeps its own.
         Manager()->Finalize();
@@ -226,10 +230,19 @@ TEST(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItKee
     }
 }
 
-TEST(AdjustRecoveryTest, LineValueThatCannotBeReadAnswersFalseAndLeavesTheBuffer)
+TEST(AdjustRecoveryTest, CallsThatCannotBeServedAnswerFalseAndTouchNothing)
 {
     TestRoot root;
     MakeDeviceDirs(root);
+    Manager()->Initialize();
+    EXPECT_FALSE(Manager()->GetData(ADJUST_CIS_SN, nullptr, 4));
+    EXPECT_FALSE(Manager()->SetData(ADJUST_CIS_SN, nullptr, 4, true));
+    EXPECT_TRUE(Manager()->GetData(ADJUST_WIFI_COUNTRY_CODE, nullptr, 0)) << "nothing asked, nothing copied";
+    std::string unwritable = "/no/such/dir/adjust.dump";
+    EXPECT_FALSE(Manager()->DumpData2File(unwritable.data()));
+    pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
+    EXPECT_FALSE(Manager()->ResetData(140));
+
     int32_t value = 0x1234;
     pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
     EXPECT_FALSE(Manager()->GetData(139, &value, 4));
