@@ -17,6 +17,8 @@
 
 #include "AdjustDataList.h"
 #include "CAdjustDataManager.h"
+#include "AdjustGroupLayout.h"
+#include "AdjustDataTypes.h"
 #include "FuzzSupport.h"
 #include "pref.h"
 #include "pref_sim.h"
@@ -28,15 +30,16 @@
 
 namespace {
 
-constexpr int kGroup = 3;
-constexpr unsigned long kHeaderLengthAt = 9;
-constexpr unsigned long kHeaderAt = 13;
-constexpr unsigned long kBodyLengthAt = 51213;
-constexpr unsigned long kBodyAt = 51217;
-constexpr unsigned long kRecordSize = 140;
-constexpr unsigned long kHeaderCapacity = 51200;
-constexpr unsigned long kBodyCapacity = 5242880;
-constexpr unsigned long kMarkers[] = {8, 5294097};
+using namespace pm::adjust;
+constexpr int kGroup = PREF_ID_ADJUST;
+constexpr unsigned long kHeaderLengthAt = HEADER_SIZE_OFFSET;
+constexpr unsigned long kHeaderAt = HEADER_DATA_OFFSET;
+constexpr unsigned long kBodyLengthAt = BODY_SIZE_OFFSET;
+constexpr unsigned long kBodyAt = BODY_DATA_OFFSET;
+constexpr unsigned long kRecordSize = ADJ_HEADER_RECORD_SIZE;
+constexpr unsigned long kHeaderCapacity = HEADER_CAPACITY;
+constexpr unsigned long kBodyCapacity = BODY_CAPACITY;
+constexpr unsigned long kMarkers[] = {MARKER1_OFFSET, MARKER2_OFFSET};
 constexpr const char* kDumpFile = "/tmp/adjust.dump";
 
 class GroupImage {
