@@ -1,8 +1,12 @@
 #pragma once
 // Test helpers for the adjust group (preference group 3): build a store of chosen
-// records straight into the group image, read its records and bytes back, and restart
-// the manager on what NAND holds.
+// records straight into the group image, read its records and bytes back, restart the
+// manager on what NAND holds, and a fixture with the group's two areas mounted.
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -12,7 +16,10 @@
 #include "AdjustDataList.h"
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
+#include "CAdjustPreference.h"
+#include "PMReport.h"
 #include "TestRoot.h"
+#include "kernel_sim.h"
 #include "pref.h"
 #include "pref_sim.h"
 
@@ -112,6 +119,22 @@ inline Bytes ReadBody(const Record& record)
     return Bytes(body + record.offset, body + record.offset + record.size);
 }
 
+inline std::string Hex(const Bytes& bytes)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (uint8_t byte : bytes) text.append({digits[byte >> 4], digits[byte & 15]});
+    return text;
+}
+
+/// The stored bytes of every record in record order, in hex, one word per record.
+inline std::string StoreHex()
+{
+    std::string text;
+    for (const Record& record : ReadRecords()) text += (text.empty() ? "" : " ") + Hex(ReadBody(record));
+    return text;
+}
+
 /// Empty when every record starts where the one before ends and the body area ends with
 /// the last one; otherwise what is wrong.
 inline std::string LayoutProblem()
@@ -199,5 +222,69 @@ inline void Restart()
     pref_sim_forget_images();
     CAdjustDataManager::GetInstance()->Initialize();
 }
+
+/// A fresh group image with its header and body area mounted as the manager mounts
+/// them; traces and the simulated kernel's commands are recorded.
+class StoreAreas : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        pref_sim_reset();
+        kernel_sim_reset();
+        MakeDeviceDirs(root);
+        traces.clear();
+        pm::SetTraceSink([](const char* text) { traces.emplace_back(text); });
+        MountAreas();
+    }
+    void TearDown() override { pm::SetTraceSink(nullptr); }
+    void MountAreas()
+    {
+        header.Umount();
+        body.Umount();
+        header.Mount(kHeaderAt, kHeaderLengthAt, pref_get_long(kAdjustGroup, kHeaderLengthAt));
+        body.Mount(kBodyAt, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt));
+    }
+    /// Saves the group, forgets its image as a power cycle does and mounts the areas again.
+    void PowerCycle()
+    {
+        ASSERT_EQ(0, pref_save(kAdjustGroup));
+        pref_sim_forget_images();
+        MountAreas();
+    }
+    /// Puts `content` into the body area (length word included), zeros behind it.
+    void SetBody(const std::string& content)
+    {
+        const std::string withZeros = content + std::string(4096, '\0');
+        ASSERT_EQ(4, pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(content.size())));
+        ASSERT_EQ(static_cast<int>(withZeros.size()),
+                  pref_set_bytes(kAdjustGroup, kBodyAt, withZeros.data(), withZeros.size()));
+        MountAreas();
+    }
+    /// The body area as the group image holds it (its length word and bytes).
+    static std::string Body()
+    {
+        const char* area = reinterpret_cast<const char*>(pref_get_addr(kAdjustGroup, nullptr) + kBodyAt);
+        return std::string(area, static_cast<size_t>(pref_get_long(kAdjustGroup, kBodyLengthAt)));
+    }
+    static std::string BodyHex(unsigned long offset, unsigned long size)
+    {
+        const uint8_t* area = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt + offset;
+        return Hex(Bytes(area, area + size));
+    }
+    static std::string Trace(const std::string& text) { return "\x1b[m" + text + "\x1b[m\n"; }
+    static bool Traced(const std::string& text) { return std::count(traces.begin(), traces.end(), Trace(text)) > 0; }
+    /// What `run` prints to standard output.
+    template <class Run> static std::string Printed(Run run)
+    {
+        testing::internal::CaptureStdout();
+        run();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    TestRoot root;
+    CAdjustPreference header;
+    CAdjustPreference body;
+    static inline std::vector<std::string> traces;
+};
 
 } // namespace adjtest
