@@ -1,13 +1,14 @@
 // The adjust data manager: a store built from the catalogue, restarts, access by id and
-// name, the country table, line data, resets, unmountable areas and concurrent callers.
+// name, the country table, the line values, resets, unmountable areas, dump and load,
+// and concurrent callers.
 #include "AdjustStoreImage.h"
+#include "LineData.h"
 #include "PMReport.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <set>
 #include <cstring>
 #include <thread>
 
@@ -18,9 +19,30 @@ namespace {
 
 class AdjustDataManagerTest : public testing::Test {
 protected:
-    void SetUp() override { MakeDeviceDirs(root); }
+    void SetUp() override
+    {
+        MakeDeviceDirs(root);
+        root.WriteFile("/mnt/mmc/.keep", "");
+    }
+
     std::string writeLog() const { return root.ReadFile("/mnt/ubi1/log/adj_log.inf"); }
     void setCountry(uint16_t code) { ASSERT_TRUE(manager->SetData(ADJUST_SHIPMENT_COUNTRY, &code, 2, true)); }
+
+    /// A 2.4 MB table written deferred and a serial number synced, both after seed.
+    void writeSomeValues(uint8_t seed)
+    {
+        Bytes table = Pattern(seed, ADJUST_DATA_LIST[ADJUST_CAPTURE_LV1_DEFECT_PIXEL_ADR].size);
+        ASSERT_TRUE(manager->SetData(ADJUST_CAPTURE_LV1_DEFECT_PIXEL_ADR, table.data(), table.size(), false));
+        uint32_t serial = 0x01020304u * seed;
+        ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
+    }
+
+    static std::map<int, Bytes> AllItemBytes()
+    {
+        std::map<int, Bytes> values;
+        for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) values[id] = ItemBytes(id);
+        return values;
+    }
 
     TestRoot root;
     CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
@@ -29,52 +51,33 @@ protected:
 TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEveryValueWritingNothing)
 {
     manager->Initialize();
-    EXPECT_EQ(kFreshHeaderBytes, pref_get_long(kAdjustGroup, kHeaderLengthAt));
-    EXPECT_EQ(kFreshBodyBytes, pref_get_long(kAdjustGroup, kBodyLengthAt));
     EXPECT_EQ("", StoreProblem(ExpectedValues({})));
-    auto oldOffset = [&](int id) { return manager->find(id)->Infomation(CAdjustData::ADJ_INFO_OLD_OFFSET); };
-    EXPECT_EQ(320, oldOffset(114));
-    EXPECT_EQ(8720, oldOffset(115));
-    EXPECT_EQ(2388720, oldOffset(116));
     char code[3] = {};
     ASSERT_TRUE(manager->GetData(ADJUST_5GHZ_WIFI_CONTRY_CODE, code, sizeof(code)));
     EXPECT_STREQ("00", code);
-
-    uint16_t clamp = 0x0BEE;
+    uint16_t clamp = 0x0BEE, seen = 0;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_CLAMP_LEVEL, &clamp, 2, false));
-    uint16_t seen = 0;
     ASSERT_TRUE(manager->GetData(ADJUST_CIS_CLAMP_LEVEL, &seen, 2));
     EXPECT_EQ(clamp, seen) << "a deferred value reads back before the sync";
     uint32_t serial = 0x12345678;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
+
     const int saves = pref_sim_save_count(kAdjustGroup);
-    const std::string changeLog = root.ReadFile("/adj/AdjLog.txt");
-    const std::string writeLogBefore = writeLog();
+    const std::string changeLog = root.ReadFile("/adj/AdjLog.txt"), logged = writeLog();
     Restart();
     EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup));
     EXPECT_EQ(changeLog, root.ReadFile("/adj/AdjLog.txt"));
-    EXPECT_EQ(writeLogBefore, writeLog());
+    EXPECT_EQ(logged, writeLog());
     EXPECT_THAT(changeLog, HasSubstr("#New ADJUST_GYRO_DSP_THERM\n"));
-    EXPECT_THAT(writeLogBefore,
-                testing::AllOf(HasSubstr("makeAdjustHeaderInfo(): start [sync] \n"),
-                               HasSubstr("makeAdjustHeaderInfo(): sync done \n"),
-                               HasSubstr("SetData(): ADJUST_CIS_CLAMP_LEVEL, 2  \n"), HasSubstr("SetData(): done \n"),
-                               HasSubstr("SetData(): ADJUST_CIS_SN, 4 [sync] \n"), HasSubstr("SetData(): sync done \n")));
-
+    EXPECT_THAT(logged, testing::AllOf(HasSubstr("makeAdjustHeaderInfo(): start [sync] \n"),
+                                       HasSubstr("makeAdjustHeaderInfo(): sync done \n"),
+                                       HasSubstr("SetData(): ADJUST_CIS_CLAMP_LEVEL, 2  \n"), HasSubstr("SetData(): done \n"),
+                                       HasSubstr("SetData(): ADJUST_CIS_SN, 4 [sync] \n"), HasSubstr("SetData(): sync done \n")));
     std::map<int, Bytes> expected = ExpectedValues({});
     expected[ADJUST_CIS_CLAMP_LEVEL] = {0xEE, 0x0B};
     expected[ADJUST_CIS_SN] = {0x78, 0x56, 0x34, 0x12};
     EXPECT_EQ("", StoreProblem(expected));
-    const std::set<int> countryDerived = {70, 71, 72, 73, 74, 75, 76, 95, 96, 97, 98, 101};
-    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) {
-        SCOPED_TRACE("item " + std::to_string(id));
-        EXPECT_EQ(0, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_CHANGED));
-        EXPECT_EQ(id, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_ID));
-        if (countryDerived.count(id) != 0) continue;
-        Bytes read(expected[id].size(), 0xAA);
-        EXPECT_TRUE(manager->GetData(id, read.data(), read.size()));
-        EXPECT_EQ(expected[id], read);
-    }
+    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) EXPECT_EQ(id, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_ID));
 }
 
 TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefused)
@@ -101,70 +104,112 @@ TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefuse
 TEST_F(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCountryTable)
 {
     manager->Initialize();
-    setCountry(55);
     uint16_t stored = 99;
     ASSERT_TRUE(manager->SetData(ADJUST_DEFAULT_LANGUAGE, &stored, 2, true));
-    ASSERT_TRUE(manager->SetData(ADJUST_5GHZ_WIFI_CONTRY_CODE, const_cast<char*>("XY"), 2, true));
     EXPECT_EQ(Bytes({99, 0}), ItemBytes(ADJUST_DEFAULT_LANGUAGE)) << "the item itself is stored";
-
     const struct {
-        int country;
-        int id; // ADJUST_5GHZ_WIFI_CONTRY_CODE answers text, the others a 4-byte number
-        uint32_t number;
-        const char* text;
+        uint16_t country;
+        int id;
+        Bytes answer; // empty: refused
     } cases[] = {
-        {55, ADJUST_DEFAULT_LANGUAGE, 1, ""},          {55, ADJUST_WIFI_SNS_GATEWAY, 3, ""},
-        {55, ADJUST_DEFAULT_QWERTY, 2, ""},            {2, ADJUST_DEFAULT_LANGUAGE, 28, ""},
-        {2, ADJUST_ADDITIONAL_LANGUAGE, 3, ""},        {132, ADJUST_WIFI_SNS_GATEWAY, 1, ""},
-        {132, ADJUST_WIFI_COUNTRY_CHANNEL, 11, ""},    {142, ADJUST_WIFI_COUNTRY_CHANNEL, 13, ""},
-        {0, ADJUST_DEFAULT_QWERTY, 1, ""},             {55, ADJUST_5GHZ_WIFI_CONTRY_CODE, 0, "KR"},
-        {2, ADJUST_5GHZ_WIFI_CONTRY_CODE, 0, "AL"},    {132, ADJUST_5GHZ_WIFI_CONTRY_CODE, 0, "US"},
-        {0, ADJUST_5GHZ_WIFI_CONTRY_CODE, 0, "00"},
+        {55, ADJUST_DEFAULT_LANGUAGE, {1, 0, 0, 0}},      {2, ADJUST_DEFAULT_LANGUAGE, {28, 0, 0, 0}},
+        {55, ADJUST_DEFAULT_QWERTY, {2, 0, 0, 0}},        {2, ADJUST_ADDITIONAL_LANGUAGE, {3, 0, 0, 0}},
+        {132, ADJUST_WIFI_SNS_GATEWAY, {1, 0, 0, 0}},     {142, ADJUST_WIFI_COUNTRY_CHANNEL, {13, 0, 0, 0}},
+        {55, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'K', 'R', 0}}, {0, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'0', '0', 0}},
+        {143, ADJUST_DEFAULT_LANGUAGE, {}},               {65535, ADJUST_5GHZ_WIFI_CONTRY_CODE, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("country " + std::to_string(c.country) + ", item " + std::to_string(c.id));
-        setCountry(static_cast<uint16_t>(c.country));
-        Bytes expected(8, 0xEE); // a wide buffer gets the answer and nothing more
-        if (*c.text != '\0') std::memcpy(expected.data(), c.text, 3);
-        else std::memcpy(expected.data(), &c.number, 4);
-        Bytes answer(8, 0xEE);
-        EXPECT_TRUE(manager->GetData(c.id, answer.data(), answer.size()));
+        setCountry(c.country);
+        Bytes answer(8, 0xEE), expected = c.answer;
+        expected.resize(8, 0xEE); // a wide buffer gets the answer and nothing more
+        EXPECT_EQ(!c.answer.empty(), manager->GetData(c.id, answer.data(), answer.size()));
         EXPECT_EQ(expected, answer);
-    }
-    for (int country : {143, 200, 65535}) {
-        SCOPED_TRACE("country " + std::to_string(country));
-        setCountry(static_cast<uint16_t>(country));
-        Bytes untouched(4, 0x5A);
-        EXPECT_FALSE(manager->GetData(ADJUST_DEFAULT_LANGUAGE, untouched.data(), 4));
-        EXPECT_FALSE(manager->GetData(ADJUST_5GHZ_WIFI_CONTRY_CODE, untouched.data(), 3));
-        EXPECT_EQ(Bytes(4, 0x5A), untouched);
     }
 }
 
-TEST_F(AdjustDataManagerTest, LineValuesWorkWithoutInitializeAndResetTogether)
+TEST_F(AdjustDataManagerTest, LineValuesHaveTheirOwnKeysNeedNoInitializeAndOnlySavedOnesSurvive)
 {
-    int32_t value = 5, seen = 0;
-    EXPECT_TRUE(manager->GetData(139, &seen, 4)) << "line data need no Initialize";
-    EXPECT_EQ(0, seen);
+    auto valueOf = [](int32_t id) { return id % 2 == 0 ? id * 1000 : -id; };
+    int32_t value = 0;
+    EXPECT_TRUE(manager->GetData(139, &value, 4)) << "line values need no Initialize";
+    EXPECT_EQ(0, value);
+    for (int32_t id = 134; id < 144; ++id) {
+        value = valueOf(id);
+        ASSERT_TRUE(manager->SetData(id, &value, 4, false)) << id;
+        EXPECT_EQ(8ul + 4 * (id - 134), pm::line::getLineDataOffset(id)) << id;
+    }
+    for (int32_t id = 134; id < 144; ++id) {
+        EXPECT_TRUE(manager->GetData(id, &value, 4));
+        EXPECT_EQ(valueOf(id), value) << id;
+        EXPECT_EQ(valueOf(id), pref_get_long(1, 8 + 4 * (id - 134))) << id;
+    }
+    EXPECT_EQ(0, pref_get_long(1, 0) | pref_get_long(1, 4)) << "the first 8 bytes are not line data";
+    EXPECT_EQ(0, pref_sim_save_count(1)) << "nothing saved without sync";
+    value = 12;
     ASSERT_TRUE(manager->SetData(135, &value, 4, true));
-    value = -7;
-    ASSERT_TRUE(manager->SetData(137, &value, 4, false));
-    ASSERT_TRUE(manager->GetData(137, &seen, 4));
-    EXPECT_EQ(-7, seen) << "an unsaved line value reads back";
+    EXPECT_EQ(1, pref_sim_save_count(1));
     value = 1;
-    ASSERT_TRUE(manager->SetData(143, &value, 4, true));
-    EXPECT_EQ(1, pref_get_long(1, 44));
-    EXPECT_EQ(5, pref_get_long(1, 12));
+    ASSERT_TRUE(manager->SetData(139, &value, 4, false));
     EXPECT_FALSE(manager->SetData(139, &value, 2, true)) << "line values are 4 bytes";
-    EXPECT_FALSE(manager->GetData(139, &seen, 2));
-    EXPECT_THAT(writeLog(), HasSubstr("SetData(): LINE_CONTROL_NEXT_STEP, 4 value = 5 [sync] \n"));
-    EXPECT_THAT(writeLog(), testing::Not(HasSubstr("value = -7"))) << "id 137 is not logged";
+    EXPECT_FALSE(manager->GetData(139, &value, 2));
+    EXPECT_THAT(writeLog(), HasSubstr("SetData(): LINE_CONTROL_NEXT_STEP, 4 value = 12 [sync] \n"));
+    EXPECT_THAT(writeLog(), testing::Not(HasSubstr("value = -137"))) << "id 137 is not logged";
+    Restart();
+    for (auto [id, expected] : {std::pair{135, 12}, {137, -137}, {139, -139}}) {
+        EXPECT_TRUE(manager->GetData(id, &value, 4));
+        EXPECT_EQ(expected, value) << id << ": what was saved with 135, not the unsaved 1";
+    }
     EXPECT_TRUE(manager->ResetData(140));
     for (int id = 134; id < 144; ++id) {
-        seen = 99;
-        EXPECT_TRUE(manager->GetData(id, &seen, 4));
-        EXPECT_EQ(0, seen) << "line id " << id;
+        EXPECT_TRUE(manager->GetData(id, &value, 4));
+        EXPECT_EQ(0, value) << "line id " << id;
     }
+    EXPECT_EQ(0ul, pm::AssertionCount());
+}
+
+TEST_F(AdjustDataManagerTest, WrongLineIdsAndFailingLineStoreStepsAreReported)
+{
+    bool loaded = false;
+    for (int id : {133, 144}) {
+        SCOPED_TRACE("id " + std::to_string(id));
+        const unsigned long before = pm::AssertionCount();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(0, pm::line::readLineData(loaded, id));
+        EXPECT_FALSE(pm::line::writeLineData(loaded, id, 5, true));
+        EXPECT_EQ(0ul, pm::line::getLineDataOffset(id));
+        EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                    testing::AllOf(HasSubstr("Wrong Line ID " + std::to_string(id)),
+                                   HasSubstr("Assertion Failed! --- File lib/production-util/src/LineData.cpp")));
+        EXPECT_EQ(before + 3, pm::AssertionCount());
+    }
+    EXPECT_EQ(0, pref_sim_save_count(1));
+
+    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
+    loaded = false;
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(pm::line::writeLineData(loaded, 136, 9, false));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::AllOf(HasSubstr("Error to load PREF_ID_LINE"), HasSubstr("Assertion Failed!")));
+    EXPECT_FALSE(loaded);
+    EXPECT_TRUE(pm::line::writeLineData(loaded, 136, 9, false)) << "the next access loads again";
+    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
+    EXPECT_EQ(9, pm::line::readLineData(loaded, 136)) << "loaded once: the failing load is never reached";
+    pref_sim_reset();
+    pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(pm::line::writeLineData(loaded, 137, 94, true));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("Error to set Line Data [137, 14]"));
+    EXPECT_EQ(0, pref_sim_save_count(1)) << "a failed set is not saved";
+    EXPECT_EQ(0, pm::line::readLineData(loaded, 137));
+    pref_sim_fail_next(PREF_SIM_OP_SAVE, 1);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(pm::line::writeLineData(loaded, 135, 21, true));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("Error to save Line Data [135]"));
+    EXPECT_EQ(21, pm::line::readLineData(loaded, 135)) << "the value stays in memory";
+    pref_sim_forget_images();
+    loaded = false;
+    EXPECT_EQ(0, pm::line::readLineData(loaded, 135)) << "but never reached NAND";
 }
 
 TEST_F(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce)
@@ -174,11 +219,9 @@ TEST_F(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce
     ASSERT_TRUE(manager->SetData(ADJUST_PS_PULSE_COUNT, &pulses, 2, true));
     ASSERT_TRUE(manager->ResetData(ADJUST_PS_PULSE_COUNT));
     EXPECT_EQ(DefaultBytes(ADJUST_PS_PULSE_COUNT), ItemBytes(ADJUST_PS_PULSE_COUNT));
-
-    // Without items the whole adjust group goes back to its defaults, on NAND too.
     uint32_t serial = 1234;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
-    manager->Finalize();
+    manager->Finalize(); // without items the whole group goes back to its defaults, on NAND too
     const int saves = pref_sim_save_count(kAdjustGroup);
     EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN));
     EXPECT_EQ(saves + 1, pref_sim_save_count(kAdjustGroup));
@@ -186,21 +229,17 @@ TEST_F(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce
     EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN)) << "the second time only reports";
     EXPECT_EQ(saves + 1, pref_sim_save_count(kAdjustGroup));
     Restart();
-    EXPECT_EQ(kFreshHeaderBytes, pref_get_long(kAdjustGroup, kHeaderLengthAt));
-    EXPECT_EQ(DefaultBytes(ADJUST_CIS_SN), ItemBytes(ADJUST_CIS_SN));
+    EXPECT_EQ("", StoreProblem(ExpectedValues({})));
 }
 
 TEST_F(AdjustDataManagerTest, AreasThatCannotBeMountedAreRebuiltAndACorruptMarkerIsNot)
 {
     const struct {
         const char* name;
-        long headerLength;
-        long bodyLength;
-    } cases[] = {
-        {"header past its capacity", 51340, 100}, {"negative body", 280, -4},
-        {"empty body under records", 280, 0},      {"body past its capacity", 280, 5242881},
-        {"marker byte cleared", -1, -1},
-    };
+        long headerLength, bodyLength; // -1: the marker byte is cleared instead
+    } cases[] = {{"header past its capacity", 51340, 100}, {"negative body", 280, -4},
+                 {"empty body under records", 280, 0},      {"body past its capacity", 280, 5242881},
+                 {"marker byte cleared", -1, -1}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         manager->Finalize();
@@ -214,24 +253,77 @@ TEST_F(AdjustDataManagerTest, AreasThatCannotBeMountedAreRebuiltAndACorruptMarke
         const unsigned long assertions = pm::AssertionCount();
         manager->Initialize();
         EXPECT_EQ(assertions, pm::AssertionCount());
-        const std::vector<StoredItem> kept = c.headerLength < 0 ? CatalogueWithPatterns() : std::vector<StoredItem>{};
-        EXPECT_EQ("", StoreProblem(ExpectedValues(kept)));
+        EXPECT_EQ("", StoreProblem(ExpectedValues(c.headerLength < 0 ? CatalogueWithPatterns() : std::vector<StoredItem>{})));
     }
+}
+
+TEST_F(AdjustDataManagerTest, LoadGivesBackEveryDumpedValueAndSavesItAndRefusedFilesChangeNothing)
+{
+    manager->Initialize();
+    writeSomeValues(3);
+    const std::map<int, Bytes> dumped = AllItemBytes();
+    std::string good = "/mnt/mmc/good.dump", bad = "/mnt/mmc/bad.dump", missing = "/mnt/mmc/none.dump";
+    ASSERT_TRUE(manager->DumpData2File(good.data()));
+    const std::string image = root.ReadFile(good);
+    ASSERT_GT(image.size(), 5294098u);
+    writeSomeValues(9);
+    const std::map<int, Bytes> current = AllItemBytes();
+    ASSERT_NE(dumped, current);
+    std::string flipped = image;
+    flipped[flipped.size() / 2] ^= 0x40;
+    for (const std::string& content : {image.substr(0, image.size() - 100), flipped, std::string(), std::string("text\n")}) {
+        SCOPED_TRACE("a file of " + std::to_string(content.size()) + " bytes");
+        manager->Initialize();
+        const int saves = pref_sim_save_count(kAdjustGroup);
+        root.WriteFile(bad, content);
+        EXPECT_FALSE(manager->LoadDataFromFile(bad.data()));
+        uint32_t serial = 0;
+        EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, &serial, 4)) << "the manager is finalised";
+        EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup));
+        manager->Initialize();
+        EXPECT_EQ(current, AllItemBytes()) << "the image was left as it was";
+    }
+    EXPECT_FALSE(manager->LoadDataFromFile(missing.data()));
+    EXPECT_FALSE(manager->DumpData2File(nullptr));
+    EXPECT_FALSE(manager->LoadDataFromFile(nullptr));
+    manager->Initialize();
+    ASSERT_TRUE(manager->LoadDataFromFile(good.data()));
+    EXPECT_EQ(dumped, AllItemBytes());
+    Restart();
+    EXPECT_EQ(dumped, AllItemBytes()) << "the loaded group was saved";
+    EXPECT_EQ("", LayoutProblem());
+}
+
+TEST_F(AdjustDataManagerTest, LoadOfAnOlderDumpAddsTheMissingItemWithItsDefault)
+{
+    std::vector<StoredItem> older = CatalogueWithPatterns();
+    older.erase(older.begin() + ADJUST_PS_DUTY_RATIO);
+    WriteStore(older);
+    ASSERT_LE(0, pref_save_to_file(kAdjustGroup, "/mnt/mmc/older.dump"));
+    pref_reset(kAdjustGroup); // the camera itself holds a current store with other values
+    pref_save(kAdjustGroup);
+    pref_sim_forget_images();
+    manager->Initialize();
+    writeSomeValues(5);
+    std::string path = "/mnt/mmc/older.dump";
+    ASSERT_TRUE(manager->LoadDataFromFile(path.data()));
+    EXPECT_EQ("", StoreProblem(ExpectedValues(older)));
+    Restart();
+    EXPECT_EQ("", StoreProblem(ExpectedValues(older)));
 }
 
 TEST_F(AdjustDataManagerTest, ConcurrentCallersNeverSeeATornValue)
 {
     manager->Initialize();
-    // Every value written is one byte over the whole 32-byte item: a read during a write
-    // would show mixed bytes. Now and then a synced write of another item saves it.
-    constexpr int kRounds = 300;
+    // Every value is one byte over the whole 32-byte item, so a read during a write would
+    // show mixed bytes. Now and then a synced write of another item saves it.
     std::atomic<int> torn{0}, failed{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t, &torn, &failed, this] {
             uint8_t value[32], seen[32], mark = static_cast<uint8_t>(t);
-            for (int32_t round = 0; round < kRounds; ++round) {
-                std::memset(value, (t * kRounds + round) & 0xFF, sizeof(value));
+            for (int32_t round = 0; round < 300; ++round) {
+                std::memset(value, (t * 300 + round) & 0xFF, sizeof(value));
                 failed += !manager->SetData(ADJUST_CIS_LOT_NUMBER, value, sizeof(value), false);
                 if (round % 50 == 0) failed += !manager->SetData(ADJUST_CHECKSUM2, &mark, 1, true);
                 failed += !manager->GetData(ADJUST_CIS_LOT_NUMBER, seen, sizeof(seen));

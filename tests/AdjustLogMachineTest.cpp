@@ -87,18 +87,12 @@ TEST_F(AdjustLogMachineTest, IndexContinuesFromTheLastLineTurnedOnOrOff)
         std::string content;
         const char* next;
     } cases[] = {
-        {"41#something\n", "42"},
-        {"3#a\n41#something\n", "42"},
-        {"7#a#b\n", "8"},
-        {"000000000000000000000000000041#thirty digits\n", "42"},
-        {"0000000000000000000000000000041#thirty-one digits\n", "1"},
-        {"12#ok\nno index here\n", "13"},
-        {"-5#negative\n", "1"},
-        {"99999999999#too large for an index\n", "1"},
-        {"abc#not a number\n", "1"},
-        {"no hash at all\n\n\n", "1"},
-        {"", "1"},
-        {std::string("5#a\n\0\0\x01\xff binary\n", 16), "6"},
+        {"41#something\n", "42"},                             {"3#a\n41#something\n", "42"},
+        {"7#a#b\n", "8"},                                     {"12#ok\nno index here\n", "13"},
+        {"000000000000000000000000000041#thirty digits\n", "42"}, {"0000000000000000000000000000041#31 digits\n", "1"},
+        {"-5#negative\n", "1"},                               {"99999999999#too large for an index\n", "1"},
+        {"abc#not a number\n", "1"},                          {"no hash at all\n\n\n", "1"},
+        {"", "1"},                                            {std::string("5#a\n\0\0\x01\xff binary\n", 16), "6"},
     };
     for (bool turnedOn : {false, true}) {
         for (const auto& c : cases) {

@@ -1,7 +1,5 @@
-// The adjust data after a failure: a write that was not saved is never acknowledged, a
-// half-done re-arrangement never reaches NAND, broken records keep every value they can,
-// and a fault at any file operation (an I/O error, or power lost there) leaves NAND
-// holding one whole image and every acknowledged value.
+// The adjust data after a failure: nothing unsaved is acknowledged, broken records keep what
+// they can, and a fault at any file operation leaves one whole image and every acknowledged value.
 #include "AdjustStoreImage.h"
 #include "FileFaults.h"
 #include "PMReport.h"
@@ -83,12 +81,17 @@ protected:
             for (long at : points) {
                 SCOPED_TRACE("action " + std::to_string(static_cast<int>(action)) + " at " + std::to_string(at));
                 prepare();
-                if (action == Action::Kill && !KilledAt(at, op)) continue; // op ended before `at`
-                if (action != Action::Kill) {
+                std::cout.flush();
+                const pid_t child = action == Action::Kill ? fork() : 0;
+                if (child == 0) {
                     filefaults::Arm(action, at);
                     op();
                     filefaults::Disarm();
+                    if (action == Action::Kill) _exit(0);
                 }
+                int status = 0;
+                if (child > 0) waitpid(child, &status, 0);
+                if (child > 0 && !(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)) continue; // op ended first
                 ++runs;
                 const std::string nand = nandImage();
                 EXPECT_TRUE(nand == oldImage || nand == newImage) << "NAND holds neither the old nor the new image";
@@ -97,21 +100,6 @@ protected:
         }
         std::cout << what << ": " << runs << " fault points\n";
         EXPECT_GT(runs, 10);
-    }
-
-    // Runs op in a child that is killed at file operation `at`; true when it was.
-    static bool KilledAt(long at, const std::function<void()>& op)
-    {
-        std::cout.flush();
-        const pid_t child = fork();
-        if (child == 0) {
-            filefaults::Arm(filefaults::Action::Kill, at);
-            op();
-            _exit(0);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     }
 
     TestRoot root{true};
