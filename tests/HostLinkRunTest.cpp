@@ -37,7 +37,8 @@ protected:
         if (what == "respond") CPTPAdjInterface::GetInstance()->SetRespond(0x10000005, 7, 8);
         if (what == "data") CPTPAdjInterface::GetInstance()->SetData(block, sizeof block - 1);
         if (what == "file") CPTPAdjInterface::GetInstance()->SetFile("/mnt/mmc/capture.raw");
-        if (what == "strobe") return CAdjustDataManager::GetInstance()->SetData(11, command.szParam[2], 1, true) ? 0 : -1;
+        CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
+        if (what == "strobe") return adjust->SetData(11, command.szParam[2], 1, true) ? 0 : -1;
         const bool record = what == "create_file" && std::string(command.szParam[1]) == "on";
         return record && !mode->StartCreateFile(command.szParam[2]) ? -1 : 0;
     }
@@ -54,134 +55,120 @@ protected:
         ASSERT_TRUE(traced("PTPCommByProtocol No meanning message")) << "the channel never subscribed";
     }
 
-    /// A script line and the answer to it ("" when none is complete within 5 s).
-    std::string Send(const std::string& line)
+    /// Sends a request and returns the answer ("" when none is complete within 5 s). A request is a
+    /// script line, or "op <code> <p1> <p2> <p3> <p4>" in hexadecimal for a protocol operation,
+    /// arguments first; "!op" makes the worker fail the operation.
+    std::string Exchange(const std::string& request)
     {
-        vconf_set_str(kScriptKey, line.c_str());
-        return takeAnswers(true);
-    }
-    /// A protocol operation, arguments first, and the answer to it.
-    std::string SendProtocol(uint32_t code, std::vector<uint32_t> args)
-    {
-        for (int i = 0; i < 4; ++i) vconf_set_int(kProtocolKeys[i + 1], static_cast<int>(args[i]));
-        vconf_set_int(kProtocolKeys[0], static_cast<int>(code));
-        return takeAnswers(true);
+        failNext = request[0] == '!';
+        uint32_t code = 0, args[4] = {};
+        if (request.compare(failNext ? 1 : 0, 3, "op ") == 0) {
+            std::sscanf(request.c_str() + request.find(' '), "%x %x %x %x %x", &code, &args[0], &args[1], &args[2],
+                        &args[3]);
+            for (int i = 0; i < 4; ++i) vconf_set_int(kProtocolKeys[i + 1], static_cast<int>(args[i]));
+            vconf_set_int(kProtocolKeys[0], static_cast<int>(code));
+        } else {
+            vconf_set_str(kScriptKey, request.c_str());
+        }
+        const std::string answer = takeAnswers(true);
+        failNext = false;
+        return answer;
     }
 
     std::atomic<bool> failNext{false};
     std::function<void(_tPM_Command&)> whileServing;
 };
 
-TEST_F(HostLinkRunTest, ScriptLinesAreAnsweredWithTheDefaultOrTheWorkersOwnAnswer)
+TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
 {
     // Line value 139 starts the host link without info.tgw.
     std::remove(root.Host("/mnt/mmc/info.tgw").c_str());
+    CAdjustDataManager::GetInstance()->Initialize();
     int enable = 1;
     ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &enable, sizeof enable, true));
+    root.WriteFile(kPayload, "PAYLOAD-BYTES");
+    root.WriteFile("/mnt/mmc/folder/keep", ""); // a directory where a record file should be
+    ASSERT_EQ(0, symlink("/dev/full", root.Host("/mnt/mmc/full.txt").c_str())); // a full card
     StartSession();
-    struct Case {
-        const char* worker; // "" for none
-        const char* line;
+    const unsigned long checksBefore = pm::AssertionCount();
+    struct Step {
+        const char* request;
         std::string answer;
-    } cases[] = {
-        {"LENS", "lens init 1", kDone}, {"UI", "key fail 2", kFailed},
-        {"UI", "key respond 1", "Param3=8 Param2=7 Param1=10000005"}, {"DD", "display data 1", "stream=measured 12.5"},
-        {"DD", "sound file 1", "file=/mnt/mmc/capture.raw"}, {"LENS", "lens init 2", kDone},
+        std::string call; // "" when no worker runs
+    } steps[] = {
+        // Before any script line no worker can run an operation: a failed check, a failure.
+        {"op 10030000 1 2 0 0", kFailed, ""},
+        {"lens init 1", kDone, "LENS: lens init 1"},
+        {"key fail 2", kFailed, "UI: key fail 2"},
+        {"key respond 1", "Param3=8 Param2=7 Param1=10000005", "UI: key respond 1"},
+        {"display data 1", "stream=measured 12.5", "DD: display data 1"},
+        {"sound file 1", "file=/mnt/mmc/capture.raw", "DD: sound file 1"},
+        {"lens init 2", kDone, "LENS: lens init 2"},
         // The strobe process mark the worker wrote decides the adjust result.
-        {"CAP", "line_process strobe flash_write &", "Param3=0 Param2=0 Param1=10000002"},
-        {"CAP", "line_process strobe flash_write ^", kFailed}, {"CAP", "line_process strobe flash_write", kFailed},
-        {"CAP", "line_process strobe flash_read &", kDone},
-        // No worker serves it: nothing is prepared and the values held are sent again.
-        {"", "no_such_command x 1", kDone},
+        {"line_process strobe flash_write &", "Param3=0 Param2=0 Param1=10000002",
+         "CAP: line_process strobe flash_write &"},
+        {"line_process strobe flash_write ^", kFailed, "CAP: line_process strobe flash_write ^"},
+        {"line_process strobe flash_write", kFailed, "CAP: line_process strobe flash_write"},
+        {"line_process strobe flash_read &", kDone, "CAP: line_process strobe flash_read &"},
+        // Nothing serves it, nothing is prepared: the values held are sent again.
+        {"no_such_command x 1", kDone, ""},
+        // Operations run on the worker of the last script line; whenever nothing is prepared the
+        // values held are sent again, so each answer below differs from the one before it.
+        {"line_process rtc 1", kDone, "DD: line_process rtc 1"},
+        {"op 10030000 5 6 0 0", "Param3=0 Param2=10003 Param1=10000002", "DD: line_process rtc2 1 | 5 6 0 0"},
+        {"!op 10030000 5 6 0 0", kFailed, "DD: line_process rtc2 1 | 5 6 0 0"},
+        {"shutter speed 1", kDone, "CAP: shutter speed 1"},
+        {"op 10011000 1 0 0 4", kDone, ""}, // the lower half of p1 is not 2
+        {"op 10011000 30002 0 0 4", kFailed, ""}, // the upper half is above 2: a failed check
+        {"op 10011000 10002 0 0 9", kDone, "CAP: shutter shutter_speed2 1 | 9 1 0 0 | PAYLOAD"},
+        {"!op 10011000 20002 0 0 4", kFailed, "CAP: shutter shutter_speed2 1 | 4 2 0 0 | PAYLOAD"},
+        {"line_process cis_data 0", kDone, "ETC: line_process cis_data 0"},
+        {"op 10021000 1 2 3 4", kCisData, "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},
+        {"line_process cis 0", kDone, "CAP: line_process cis 0"},
+        {"op 10021001 1 2 3 4", "Param3=0 Param2=0 Param1=10020000",
+         "CAP: line_process cis_data_info 0 | 1 2 3 4"},
+        {"line_process paf 1", kDone, "CAP: line_process paf 1"},
+        {"!op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
+        {"op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
+        {"op 10040001 0 0 0 0", kFailed, ""},
+        {"op 10090000 0 0 0 0", kFailed, ""},
+        // Recorded lines go to the card, not to a worker; the line that ends recording is run.
+        {"data create_file on record.txt", kDone, "DD: data create_file on record.txt"},
+        {"adj_result 1 2", kDone, ""},
+        {"lens init 1", kDone, ""},
+        {"shutter_log a", kDone, ""},
+        {"sys_14 b", kDone, ""},
+        {"data create_file off", kDone, "DD: data create_file off"},
+        {"lens init 2", kDone, "LENS: lens init 2"},
+        {"data create_file on folder", kDone, "DD: data create_file on folder"},
+        {"adj_result 1 2", kFailed, ""}, // a failed check
+        {"data create_file off", kDone, "DD: data create_file off"},
+        {"data create_file on full.txt", kDone, "DD: data create_file on full.txt"},
+        {"lens init 3", kFailed, ""},
+        {"data create_file off", kDone, "DD: data create_file off"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.line);
-        EXPECT_EQ(c.answer, Send(c.line));
-        EXPECT_EQ(c.worker[0] == '\0' ? Calls{} : Calls{std::string(c.worker) + ": " + c.line}, takeCalls());
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.request);
+        EXPECT_EQ(step.answer, Exchange(step.request));
+        EXPECT_EQ(step.call.empty() ? Calls{} : Calls{step.call}, takeCalls());
     }
+    EXPECT_EQ(checksBefore + 3, pm::AssertionCount());
+    for (const char* trace : {"CMD FAIL: key, fail, 2", "Worker None: no_such_command, x, 1",
+                              "Worker None: line_process, paf, 1", "File Open ERROR"}) {
+        EXPECT_TRUE(traced(trace)) << trace;
+    }
+    EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n",
+              root.ReadFile("/mnt/mmc/record.txt"));
     int stored = 0;
     ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
     EXPECT_EQ(PM_RESULT_FAIL, stored);
-    EXPECT_TRUE(traced("CMD FAIL: key, fail, 2"));
-    EXPECT_TRUE(traced("Worker None: no_such_command, x, 1"));
-    EXPECT_TRUE(mode->IsActive());
-    Finalize();
-}
-
-TEST_F(HostLinkRunTest, ProtocolOperationsRunOnTheWorkerOfTheLastScriptLine)
-{
-    StartSession();
-    // Before any script line there is no worker to run it on: a failed check, answered as a failure.
-    const unsigned long checksBefore = pm::AssertionCount();
-    EXPECT_EQ(kFailed, SendProtocol(0x10030000, {1, 2, 0, 0}));
-    EXPECT_EQ(checksBefore + 1, pm::AssertionCount());
-    root.WriteFile(kPayload, "PAYLOAD-BYTES");
-    struct Case {
-        const char* line; // selects the worker
-        uint32_t code;
-        std::vector<uint32_t> args;
-        bool fail;
-        std::string answer; // kDone also when nothing is prepared: the line's answer is sent again
-        std::string call;   // "" when nothing is run
-    } cases[] = {
-        {"shutter speed 1", 0x10011000, {(1u << 16) | 2, 0, 0, 9}, false, kDone,
-         "CAP: shutter shutter_speed2 1 | 9 1 0 0 | PAYLOAD"},
-        {"shutter speed 1", 0x10011000, {(2u << 16) | 2, 0, 0, 4}, true, kFailed,
-         "CAP: shutter shutter_speed2 1 | 4 2 0 0 | PAYLOAD"},
-        {"shutter speed 1", 0x10011000, {1, 0, 0, 4}, false, kDone, ""},
-        {"shutter speed 1", 0x10011000, {(3u << 16) | 2, 0, 0, 4}, false, kFailed, ""},
-        {"line_process cis_data 0", 0x10021000, {1, 2, 3, 4}, false, kCisData,
-         "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},
-        {"line_process cis 0", 0x10021001, {1, 2, 3, 4}, false, "Param3=0 Param2=0 Param1=10020000",
-         "CAP: line_process cis_data_info 0 | 1 2 3 4"},
-        {"line_process rtc 1", 0x10030000, {5, 6, 0, 0}, false, "Param3=0 Param2=10003 Param1=10000002",
-         "DD: line_process rtc2 1 | 5 6 0 0"},
-        {"line_process rtc 1", 0x10030000, {5, 6, 0, 0}, true, kFailed, "DD: line_process rtc2 1 | 5 6 0 0"},
-        {"line_process paf 1", 0x10040000, {0, 0, 0, 0}, false, kDone, "CAP: line_process paf2 1"},
-        {"line_process paf 1", 0x10040000, {0, 0, 0, 0}, true, kFailed, "CAP: line_process paf2 1"},
-        {"line_process paf 1", 0x10040001, {0, 0, 0, 0}, false, kDone, ""},
-        {"line_process paf 1", 0x10090000, {0, 0, 0, 0}, false, kDone, ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.line) + ", operation " + std::to_string(c.code) + ", p1 " +
-                     std::to_string(c.args[0]) + (c.fail ? ", failing" : ""));
-        ASSERT_EQ(kDone, Send(c.line));
-        ASSERT_EQ(1u, takeCalls().size());
-        failNext = c.fail;
-        EXPECT_EQ(c.answer, SendProtocol(c.code, c.args));
-        EXPECT_EQ(c.call.empty() ? Calls{} : Calls{c.call}, takeCalls());
-    }
-    EXPECT_TRUE(traced("Worker None: line_process, paf, 1"));
-    Finalize();
-}
-
-TEST_F(HostLinkRunTest, RecordingWritesLinesToTheCardInsteadOfRunningThem)
-{
-    root.WriteFile("/mnt/mmc/folder/keep", ""); // a directory where the record file should be
-    ASSERT_EQ(0, symlink("/dev/full", root.Host("/mnt/mmc/full.txt").c_str())); // a full card
-    StartSession();
-    for (const std::string name : {"record.txt", "folder", "full.txt"}) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(kDone, Send("data create_file on " + name));
-        EXPECT_TRUE(mode->IsCreatingFile());
-        const unsigned long checksBefore = pm::AssertionCount();
-        for (const char* line : {"adj_result 1 2", "lens init 1", "shutter_log a", "sys_14 b"}) {
-            EXPECT_EQ(name == "record.txt" ? kDone : kFailed, Send(line)) << line;
-        }
-        EXPECT_EQ(checksBefore + (name == "folder" ? 4 : 0), pm::AssertionCount());
-        // The line that ends recording is run, not recorded; later lines run again.
-        EXPECT_EQ(kDone, Send("data create_file off"));
-        EXPECT_EQ(kDone, Send("lens init 2"));
-        EXPECT_EQ((Calls{"DD: data create_file on " + name, "DD: data create_file off", "LENS: lens init 2"}),
-                  takeCalls());
-        EXPECT_FALSE(mode->IsCreatingFile());
-    }
-    EXPECT_TRUE(traced("File Open ERROR"));
-    EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n", root.ReadFile("/mnt/mmc/record.txt"));
     // A name whose path would not fit is refused.
     EXPECT_FALSE(mode->StartCreateFile(std::string(55, 'n')));
-    EXPECT_TRUE(mode->StartCreateFile(std::string(54, 'n')));
     EXPECT_FALSE(mode->StartCreateFile(""));
+    EXPECT_FALSE(mode->IsCreatingFile());
+    EXPECT_TRUE(mode->StartCreateFile(std::string(54, 'n')));
+    EXPECT_TRUE(mode->IsCreatingFile());
+    EXPECT_TRUE(mode->IsActive());
     Finalize();
 }
 
@@ -223,9 +210,9 @@ TEST_F(HostLinkRunTest, FinalizeWhileAPayloadIsServedKeepsItForTheWorker)
     };
     StartSession();
     root.WriteFile(kPayload, "PAYLOAD-BYTES");
-    ASSERT_EQ(kDone, Send("line_process cis_data 0"));
+    ASSERT_EQ(kDone, Exchange("line_process cis_data 0"));
     takeCalls();
-    auto answer = std::async(std::launch::async, [&] { return SendProtocol(0x10021000, {1, 2, 3, 4}); });
+    auto answer = std::async(std::launch::async, [&] { return Exchange("op 10021000 1 2 3 4"); });
     ASSERT_EQ(std::future_status::ready, serving.get_future().wait_for(5s));
     vconf_set_str(kScriptKey, "line_process cis_data 1");
     ASSERT_TRUE(traced("PTPCommByScript: waiting until the request in service is answered", 5s));
