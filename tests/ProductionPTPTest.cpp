@@ -77,8 +77,10 @@ TEST_F(ProductionPTPTest, ScriptLinesAreHandedOverOneAtATimeAndAnsweredParam3Fir
 
     // An answer that cannot be written: Param3 fails, Param2 and Param1 are not tried; the channel is free.
     ASSERT_EQ(uint32_t{PTP_MSG_SCRIPT}, RequestLine("led on"));
+    transfer->SetRespond(0x10000002, 1, 5);
     vconf_sim_fail_next_set(1);
     EXPECT_EQ(-1, channel.SendPTP());
+    EXPECT_EQ(0u, transfer->GetTransferDataType()) << "dispatched all the same";
     EXPECT_EQ(PTP_MSG_NONE, channel.GetPTPMessageType());
     EXPECT_EQ("", takeAnswers());
     EXPECT_EQ(0, channel.SendPTP()) << "nothing pending: the values held are sent again";
