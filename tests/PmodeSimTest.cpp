@@ -1,22 +1,17 @@
-// pmode-sim, the simulated camera body: runs the card as the camera does, shows and
-// reports every command, and its exit status says whether the run passed. The
-// calibration it stores must be on the simulated NAND afterwards.
+// pmode-sim runs a card as the camera does (PmodeSimTest), pmode-pc drives it in host-link mode from another process
+// (PmodePcTest), its checker names each fault of a script at its line (ScriptCheckerTest).
 #include "AdjustDataList.h"
 #include "CAdjustDataManager.h"
 #include "FileSizeLimit.h"
 #include "PmodeToolRun.h"
 #include "TestRoot.h"
 
-#include <gtest/gtest.h>
+#include <signal.h>
 
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace fs = std::filesystem;
 using pmtool::ExpectRuns;
-
-namespace {
 
 class PmodeSimTest : public ::testing::Test {
 protected:
@@ -37,36 +32,28 @@ protected:
 TEST_F(PmodeSimTest, ExampleCardRunsToAPassAndItsCalibrationIsOnTheNand)
 {
     const pmtool::Result run = RunSim(example);
-    ASSERT_EQ(run.status, 0) << run.output;
-    pmtool::ExpectHas(run.output, {"script mode: /mnt/mmc/production.adj, from step 0 (label ADJ_00)",
-                                   "run PASSED (script mode, end of the script): 32 commands run, 32 passed, 0 failed",
-                                   "\"passed\": true", "\"commands_run\": 32", "\"failing_command\": null",
-                                   "{\"index\": 32, \"worker\": \"ETC\", \"command\": \"line_process final_check all\""});
-    EXPECT_EQ(pmtool::CountLines(run.output, " PASS "), 32);
-    EXPECT_EQ(pmtool::CountLines(run.output, "CAP   shutter measure 1/4000"), 3);
-    EXPECT_EQ(pmtool::CountLines(run.output, "pre-flight:"), 0);
-    // Result tables on the card: the three shutter passes, each with the sensor's serial number.
+    pmtool::Check({example, 0, {"script mode: /mnt/mmc/production.adj, from step 0 (label ADJ_00)", "\"passed\": true",
+                                "run PASSED (script mode, end of the script): 32 commands run, 32 passed, 0 failed", "\"commands_run\": 32",
+                                "\"failing_command\": null", "{\"index\": 32, \"worker\": \"ETC\", \"command\": \"line_process final_check all\""},
+                   {"pre-flight:"}}, run);
+    EXPECT_EQ(pmtool::Count(run.output, " PASS "), 32);
+    EXPECT_EQ(pmtool::Count(run.output, "CAP   shutter measure 1/4000"), 3);
     const std::string shutter = root.ReadFile("/mnt/mmc/shutter_result.csv");
     EXPECT_EQ(shutter.rfind("Index,CIS S/N,SPEED,PASS,NOMINAL_US,MEASURED_US,DEVIATION_PCT\r\n", 0), 0u) << shutter;
-    EXPECT_EQ(pmtool::CountLines(shutter, ",40718833,1/4000,"), 3) << shutter;
+    EXPECT_EQ(pmtool::Count(shutter, ",40718833,1/4000,"), 3) << shutter;
 
-    // The calibration outlives the process: read it back from the simulated NAND.
+    // On the NAND: line value 135 is the next step (a finished unit starts again at 0), 134 the last one finished.
     CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
     adjust->Initialize();
-    auto item = [adjust](int id, uint32_t size) {
-        uint32_t value = 0; // the items are little-endian
-        EXPECT_TRUE(adjust->GetData(id, &value, size)) << get_adjust_data_id_name(static_cast<_AdjustDataID>(id));
-        return value;
-    };
-    for (int mark : {ADJUST_SHUTTER_PROCESS_MARK, ADJUST_AWB_H_PROCESS_MARK, ADJUST_INTERNAL_STROBE_PROCESS_MARK,
-                     ADJUST_LENS_MOUNT_PROCESS_MARK, ADJUST_TOUCH_PROCESS_MARK, ADJUST_MAIN_FUNCTION_PROCESS_MARK})
-        EXPECT_EQ(item(mark, 1), uint32_t{'&'}) << get_adjust_data_id_name(static_cast<_AdjustDataID>(mark));
-    EXPECT_EQ(item(ADJUST_CIS_SN, 4), 40718833u);
-    EXPECT_EQ(item(ADJUST_SHIPMENT_COUNTRY, 2), 2u);
-    EXPECT_GT(item(ADJUST_AWB_HIGH_TEMP_RGAIN, 2), 1024u);
-    EXPECT_EQ(item(135, 4), 0u) << "the next step: a finished unit starts again at step 0";
-    EXPECT_EQ(item(134, 4), 3u) << "the last step finished";
-
+    const std::tuple<int, uint32_t, uint32_t> stored[] = { // id, size, value
+        {ADJUST_SHUTTER_PROCESS_MARK, 1, '&'}, {ADJUST_AWB_H_PROCESS_MARK, 1, '&'}, {ADJUST_INTERNAL_STROBE_PROCESS_MARK, 1, '&'},
+        {ADJUST_LENS_MOUNT_PROCESS_MARK, 1, '&'}, {ADJUST_TOUCH_PROCESS_MARK, 1, '&'}, {ADJUST_MAIN_FUNCTION_PROCESS_MARK, 1, '&'},
+        {ADJUST_CIS_SN, 4, 40718833}, {ADJUST_SHIPMENT_COUNTRY, 2, 2}, {ADJUST_AWB_HIGH_TEMP_RGAIN, 2, 1819}, {135, 4, 0}, {134, 4, 3}};
+    for (const auto& [id, size, expected] : stored) {
+        uint32_t value = 0; // little-endian
+        EXPECT_TRUE(adjust->GetData(id, &value, size)) << id;
+        EXPECT_EQ(value, expected) << id;
+    }
     ExpectRuns({{sim + example + "--step 3", 0, {"from step 3 (label ADJ_03)", "[  1] CAP   line_process awb high 6500"}}});
 }
 
@@ -76,70 +63,51 @@ TEST_F(PmodeSimTest, ProvokedFailureEndsTheRunAndTheNextRunResumesAtItsStep)
     const std::string script = root.ReadFile("/card/production.adj");
     std::string failing = script;
     root.WriteFile("/card/production.adj", failing.replace(failing.find("shutter adjust 1/4000\n"), 21, "shutter adjust 1/4000 fail"));
-    const pmtool::Result failed = RunSim("--card " + root.Host("/card"));
-    EXPECT_EQ(failed.status, 1);
-    pmtool::ExpectHas(failed.output, {"run FAILED (script mode, stopped at a failing command): 17 commands run, 16 passed, 1 failed",
+    pmtool::Check({"failing run", 1, {"run FAILED (script mode, stopped at a failing command): 17 commands run, 16 passed, 1 failed",
                                       "failing command: [17] CAP shutter adjust 1/4000 fail (result -1)", "\"passed\": false",
                                       "\"failing_command\": {\"index\": 17, \"worker\": \"CAP\", \"command\": \"shutter adjust 1/4000 fail\"",
-                                      "\"exit_status\": 1"});
-    EXPECT_EQ(pmtool::CountLines(failed.output, "[ 18]"), 0) << "nothing runs after the failing command";
+                                      "\"exit_status\": 1"}, {"[ 18]"}}, RunSim("--card " + root.Host("/card")));
 
-    // The operator fixes the unit; the run starts again at the recorded step 2.
     root.WriteFile("/card/production.adj", script);
-    const pmtool::Result resumed = RunSim("--card " + root.Host("/card"));
-    EXPECT_EQ(resumed.status, 0);
-    pmtool::ExpectHas(resumed.output, {"from step 2 (label ADJ_02)", "[  1] CAP   shutter init 1", "\"resume_step\": 2",
-                                       "20 commands run, 20 passed, 0 failed"});
+    pmtool::Check({"resumed run", 0, {"from step 2 (label ADJ_02)", "[  1] CAP   shutter init 1", "\"resume_step\": 2",
+                                      "20 commands run, 20 passed, 0 failed"}}, RunSim("--card " + root.Host("/card")));
 }
 
 TEST_F(PmodeSimTest, EachCardEndsWithItsVerdictAndABrokenOneNeverPasses)
 {
-    struct Case {
-        std::string script; // named by info.tg
-        std::string text;   // the script's bytes; "-": no such file, "DIR": a directory
-        std::string options;
-        int status;
-        std::vector<std::string> expected; // in the output or the report; the first names the row
-        int passes;                        // commands shown as passed
-    };
     std::string garbage; // bytes no text file holds, the same on every run
     for (uint32_t i = 0, state = 12345; i < 4096; ++i, state = state * 1103515245u + 12345u) garbage += static_cast<char>(state >> 24);
-    const std::string broken = "label ADJ_00\nkey check a\ngoto NOWHERE 1\nkey check b\n";
-    const std::string noRun = "the card starts no production run", notRun = "run FAILED (script mode, not run: ";
-    const Case cases[] = {
+    const std::string broken = "label ADJ_00\nkey check a\ngoto NOWHERE 1\nkey check b\n", noRun = "the card starts no production run";
+    const std::string notRun = "run FAILED (script mode, not run: ", loop = "label ADJ_00\nlabel AGAIN\ndelay 1 ms\ngoto AGAIN 0\n";
+    // info.tg's script, its text ("-": none, "DIR": a directory), options, status, output and report, commands passed.
+    const std::tuple<std::string, std::string, std::string, int, std::vector<std::string>, int> cases[] = {
         {"", "-", "", 3, {noRun}, 0}, {"production.txt", "-", "", 3, {noRun}, 0}, {"missing.adj", "-", "", 3, {noRun}, 0},
         {"prod.adj", garbage, "", 1, {"pre-flight: /mnt/mmc/prod.adj:1: error: binary data (byte 0x", notRun}, 0},
         {"prod.adj", garbage, "--force", 1, {"not a pass: no command was run", "\"passed\": false"}, 0},
         {"prod.adj", "", "", 1, {"run FAILED (script mode, end of the script)", "not a pass: no command was run"}, 0},
         {"prod.adj", "DIR", "", 1, {"pre-flight: /mnt/mmc/prod.adj: error: the script is a directory, not a file", notRun}, 0},
-        {"prod.adj", broken, "", 1,
-         {"pre-flight: /mnt/mmc/prod.adj:3: error: goto to unknown label 'NOWHERE'",
-          "not a pass: the pre-flight check found 1 error in the script\n"}, 0},
-        {"prod.adj", broken, "--force", 1,
-         {"Assertion Failed! --- File lib/production-mode/src/CProductionScript.cpp",
-          "run FAILED (script mode, end of the script): 1 commands run, 1 passed, 0 failed",
-          "not a pass: the pre-flight check found 1 error in the script (run forced with --force)",
-          "not a pass: 1 failed check reported"}, 1},
-        {"prod.adj", "label ADJ_00\nlabel AGAIN\ndelay 1 ms\ngoto AGAIN 0\n", "--force --timeout 1 --quiet", 4,
-         {"pre-flight: /mnt/mmc/prod.adj:4: error: goto count '0' is read as 0", "run FAILED (script mode, timed out after 1 s)",
-          "\"aborted\": true"}, 0},
+        {"prod.adj", broken, "", 1, {"pre-flight: /mnt/mmc/prod.adj:3: error: goto to unknown label 'NOWHERE'",
+                                     "not a pass: the pre-flight check found 1 error in the script\n"}, 0},
+        {"prod.adj", broken, "--force", 1, {"Assertion Failed! --- File lib/production-mode/src/CProductionScript.cpp",
+                                            "run FAILED (script mode, end of the script): 1 commands run, 1 passed, 0 failed",
+                                            "not a pass: the pre-flight check found 1 error in the script (run forced with --force)",
+                                            "not a pass: 1 failed check reported"}, 1},
+        {"prod.adj", loop, "--force --timeout 1 --quiet", 4, {"pre-flight: /mnt/mmc/prod.adj:4: error: goto count '0' is read as 0",
+                                                              "run FAILED (script mode, timed out after 1 s)", "\"aborted\": true"}, 0},
         {"prod.adj", "label ADJ_00\nkey check a\"b\\c\tfail\n", "", 1,
          {"\"command\": \"key check a\\\"b\\\\c fail\"", "failure provoked by the script (parameter \\\"fail\\\")"}, 0},
-        // A script of at most 64 bytes holding "adj_wifi certification" is a Wi-Fi certification run.
         {"prod.adj", "adj_wifi certification 1\n", "", 0,
-         {"script mode: /mnt/mmc/prod.adj (Wi-Fi certification)", "WIFI  adj_wifi certification 1"}, 1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.expected.front());
-        const std::string card = "/card-" + std::to_string(&c - cases);
+         {"script mode: /mnt/mmc/prod.adj (Wi-Fi certification)", "WIFI  adj_wifi certification 1"}, 1}};
+    int row = 0;
+    for (const auto& [script, text, options, status, expected, passes] : cases) {
+        const std::string card = "/card-" + std::to_string(++row);
         fs::create_directories(root.Host(card));
-        if (!c.script.empty()) root.WriteFile(card + "/info.tg", c.script);
-        if (c.text == "DIR") fs::create_directories(root.Host(card + "/" + c.script + "/sub"));
-        else if (c.text != "-") root.WriteFile(card + "/" + c.script, c.text);
-        const pmtool::Result run = RunSim("--root " + root.Host("/device" + card) + " --card " + root.Host(card) + " " + c.options);
-        EXPECT_EQ(run.status, c.status) << run.output;
-        pmtool::ExpectHas(run.output, c.expected);
-        EXPECT_EQ(pmtool::CountLines(run.output, " PASS "), c.passes) << run.output;
+        if (!script.empty()) root.WriteFile(card + "/info.tg", script);
+        if (text == "DIR") fs::create_directories(root.Host(card + "/" + script + "/sub"));
+        else if (text != "-") root.WriteFile(card + "/" + script, text);
+        const pmtool::Result run = RunSim("--root " + root.Host("/device" + card) + " --card " + root.Host(card) + " " + options);
+        pmtool::Check({expected.front(), status, expected}, run);
+        EXPECT_EQ(pmtool::Count(run.output, " PASS "), passes) << run.output;
     }
 }
 
@@ -156,8 +124,6 @@ TEST_F(PmodeSimTest, BadUsageAndSetUpAreRefused)
 
 TEST_F(PmodeSimTest, OnlyTheLoadedPluginsServeAndTheRestIsReported)
 {
-    // With the UI worker only, the pre-flight check names the commands no loaded worker
-    // serves and the script is not run; forced, the rest is passed over, and no pass.
     fs::create_directories(root.Host("/plugins"));
     fs::copy_file(pmtool::Built("tools/pmode-sim/plugins/pmplugin-ui.so"), root.Host("/plugins/pmplugin-ui.so"));
     const std::string plugins = sim + example + "--plugins " + root.Host("/plugins");
@@ -169,20 +135,167 @@ TEST_F(PmodeSimTest, OnlyTheLoadedPluginsServeAndTheRestIsReported)
 
 TEST_F(PmodeSimTest, NandTooSmallForTheCalibrationFailsTheRun)
 {
-    // Storing the serial number saves the adjust group, which needs 5.3 MB.
+    // Storing the serial number saves the adjust group (5.3 MB).
     root.WriteFile("/card/info.tg", "nand.adj");
     root.WriteFile("/card/nand.adj", "label ADJ_00\nline_process cis_data set 40718833\nkey check menu\n");
     const std::string run = sim + "--card " + root.Host("/card") + " --root " + root.Host("/device");
-    for (bool storeInPlace : {false, true}) { // when in place, made by a run without the limit
+    for (bool storeInPlace : {false, true}) { // in place: made by a run without the limit
         SCOPED_TRACE(storeInPlace ? "store in place, the run's saves fail" : "fresh NAND");
         fs::remove_all(root.Host("/device"));
-        if (storeInPlace) {
-            ASSERT_EQ(pmtool::Run(run).status, 0);
-        }
+        if (storeInPlace) ExpectRuns({{run, 0, {}}});
         FileSizeLimit nand(1 << 20);
         ExpectRuns({{run, 1, {"run FAILED (script mode, ", storeInPlace ? " reported (\"Assertion Failed!\" above)"
                                   : "not a pass: the adjust data could not be initialised and saved on the NAND"}}});
     }
 }
 
-} // namespace
+class PmodePcTest : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        if (server != nullptr) StopServer(SIGKILL); // still serving after a failed test
+    }
+
+    void StartServer()
+    {
+        server = popen(("echo $$; exec pmode-sim --root " + root.Dir() + " --card " + pmtool::Source("examples/card") + " --host-link" +
+                        " --serve-seconds 60 --json " + root.Host("/report.json") + " >" + root.Host("/server.txt") + " 2>&1").c_str(), "r");
+        ASSERT_NE(server, nullptr);
+        ASSERT_EQ(fscanf(server, "%d", &serverPid), 1);
+    }
+
+    /// Stops the server (SIGINT, as a person would); its status, output and report.
+    pmtool::Result StopServer(int signal = SIGINT)
+    {
+        kill(serverPid, signal);
+        const int status = pclose(server);
+        server = nullptr;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, root.ReadFile("/server.txt") + root.ReadFile("/report.json")};
+    }
+
+    TestRoot root; // PMODE_ROOT of the tools
+    FILE* server = nullptr;
+    pid_t serverPid = -1;
+    const std::string pc = "pmode-pc --timeout 15 --wait 20 ";
+};
+
+TEST_F(PmodePcTest, ExampleSessionPassesAndTheCameraReportsEveryRequest)
+{
+    StartServer();
+    ExpectRuns({{pc + "batch " + pmtool::Source("examples/pc/session.batch"), 0,
+                 {"20 requests, 20 passed, 0 failed", "BATCH PASSED", "-> response 0x10000000 0x0 0x0: done",
+                  "-> response 0x10000002 0x0 0x0: adjustment passed", "-> response 0x10000002 0x1 0x0: FAILED  [PASS (failure expected)",
+                  "-> response 0x10020002 0x0 0x0: sensor data taken", "-> response 0x10000002 0x10003 0x0: clock set",
+                  "| CIS S/N 40718833", "-> file /mnt/mmc/cis_data.txt (61 bytes)", "| Index,CIS S/N,PART,PRESS,RELEASE,LATENCY_MS"}}});
+    EXPECT_EQ(root.ReadFile("/mnt/mmc/pc_recorded.adj"), "lens focus_check 1\nshutter measure 1/4000\n");
+    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by a signal): 18 commands run, 17 passed, 1 failed",
+                                 "CAP   shutter shutter_speed2 1 (op 30 1 0 0)", "\"mode\": \"host-link\"",
+                                 "\"command\": \"lens focus_check 3 fail\"", "\"protocol\": true, \"args\": [30, 1, 0, 0]"}}, StopServer());
+}
+
+TEST_F(PmodePcTest, FailuresBadRequestsAndSlowAnswersFailOnThePc)
+{
+    const std::string bad = root.Host("/bad.batch"), failing = root.Host("/failing.batch");
+    root.WriteFile("/bad.batch", "line lens init 1\nsend lens init 1\nop 0 1 2\nop 0x10021000 1 2 3 4 5\nop 0x10021000 size payload=x.bin\n");
+    root.WriteFile("/failing.batch", "# a failure nobody expected\nline lens init 1 fail\nline lens init 1\n");
+    ExpectRuns({{"pmode-pc --wait 0.3 line lens init 1", 3, {"no camera serves the host link"}}, {pc + "line", 2, {}}, {pc + "op 12x", 2, {}},
+                {pc + "batch " + bad, 2, {bad + ":2: error: unknown request 'send'", bad + ":3: error: an operation needs a code other than 0",
+                                          bad + ":4: error: more than four arguments", bad + ":5: error: cannot read the payload file"}}});
+    StartServer();
+    ExpectRuns({{pc + "batch " + failing, 1, {"2 requests, 1 passed, 1 failed", "failed: " + failing + ":2: line lens init 1 fail", "BATCH FAILED"}},
+                {pc + "line lens focus_check 1", 0, {"adjustment passed"}},
+                {pc + "op 0x10021001 0 0 0 0", 1, {}}, // no worker for a protocol operation after a LENS line
+                {"pmode-pc --wait 20 --timeout 0.3 line delay 1500 ms", 1, {"-> no answer within 300 ms  [FAIL]"}}});
+    pmtool::Check({"camera, which finishes the late command all the same", 1, {"DD    delay 1500 ms"}}, StopServer());
+}
+
+TEST_F(PmodePcTest, LineValue139StartsTheHostLinkWithoutInfoTgwAndTheServerEndsAfterItsTime)
+{
+    int32_t one = 1;
+    ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &one, 4, true));
+    fs::create_directories(root.Host("/empty-card"));
+    ExpectRuns({{"pmode-sim --root " + root.Dir() + " --card " + root.Host("/empty-card") + " --serve-seconds 1", 0,
+                 {"run PASSED (host-link mode, served 1 s): 0 commands run"}}});
+}
+
+TEST_F(PmodePcTest, EveryToolRefusesTheHostRootAndNoRoot)
+{
+    fs::create_directory_symlink("/", root.Host("/host"));
+    const std::string toHost = "resolves to the host's own \"/\"", missing = root.Host("/missing"), dump = root.Host("/x.dump");
+    std::vector<pmtool::Expected> runs;
+    for (const auto& [before, option, message] : std::vector<std::tuple<std::string, std::string, std::string>>{
+             {"env -u PMODE_ROOT ", "", "no device root"}, {"env PMODE_ROOT=/ ", "", toHost}, {"", "--root /", toHost},
+             {"", "--root //", toHost}, {"", "--root /.", toHost}, {"", "--root " + root.Host("/host"), toHost},
+             {"", "--root " + root.Host("/host/tmp/.."), toHost}, {"", "--root " + missing, "is not a directory"}}) {
+        for (const std::string& work : {"pmode-kv " + option + " set pmode_test/key 1", "adjtool " + option + " dump " + dump,
+                                        "pmode-pc " + option + " --wait 0 line lens init 1"})
+            runs.push_back({before + work, 2, {message, "give --root DIR or set PMODE_ROOT=DIR"}});
+        if (before.empty() && message == toHost) // without a root, or a missing one, pmode-sim makes its own
+            runs.push_back({"pmode-sim " + option, 2, {toHost, "refused: give --root DIR"}});
+    }
+    ExpectRuns(runs);
+    EXPECT_FALSE(fs::exists(missing));
+    EXPECT_FALSE(fs::exists(dump));
+}
+
+TEST(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndTheResolvedRunStopsWhereTheCameraStops)
+{
+    TestRoot root;
+    const std::string path = root.Host("/script.adj");
+    const std::string warnings = "label ADJ_00\nkey\tcheck\tmenu\nstep_end\nlabel L\nkey check menu\ngoto L 2x\nlabel ADJ_1\nkey check b\n"
+                                 "label M\ngoto M 2\nkey check 1 2 3 4 5 6 7 8 9 10 11\nmenu_setup check " + std::string(49, 'w') + "\n";
+    const std::string errors = "label ADJ_00\nkey check menu\n" + std::string(50, 'k') + " check 1\nkey check " + std::string(50, 'a') +
+                               " x\nfocus check 1\nstrobe flash_write 1\nline_process nosuch 1\nlabel L\nkey check menu\ngoto L\ngoto L 0\n"
+                               "goto L -2\ngoto L twice\ngoto M 1\nlabel OUT\nkey check a\nlabel IN\nkey check b\ngoto IN 2\ngoto OUT 1\n"
+                               "label L\nlabel \n#note check 1\nkey check " + std::string(40, 'x') + " " + std::string(479, 'x') +
+                               "\nlabel ADJ_02\nkey check c\nlabel END";
+    const std::tuple<std::string, std::string, int, std::vector<std::string>> cases[] = { // script, options, status, output
+        {warnings, "", 0, {"script:2: warning: words separated only by tabs", "script:3: warning: 'step_end' alone on a line",
+                           "script:6: warning: goto count '2x' is read as 2", "script:11: warning: 13 words", "script: 0 errors, 6 warnings",
+                           "script:7: warning: label 'ADJ_1' is never a resume point (step 1 resumes at 'ADJ_01')",
+                           "script:10: warning: goto right after a label line"}},
+        {errors, "", 1, {"script:3: error: first word is 50 bytes (at most 49)", "script:5: error: no worker group serves 'focus'",
+                         "script:4: error: word 3 ('aaaaaaaaaaaaaaaaaaaa...') is 50 bytes", "script:10: error: goto 'L' without a count",
+                         "script:6: error: no worker group serves 'strobe' ('strobe' is a sub-command: line_process strobe ...?)",
+                         "script:7: error: no worker group serves 'line_process nosuch': sub-command 'nosuch' is in no group",
+                         "script:11: error: goto count '0' is read as 0: the loop never ends", "script:22: error: label without a name",
+                         "script:12: error: goto count '-2' is read as -2", "script:13: error: goto count 'twice' is read as 0",
+                         "script:14: error: goto to unknown label 'M'", "script:25: error: resume label 'ADJ_01' is missing",
+                         "script:19: error: counted loop 'IN' lies inside the loop of line 20", "(comments start with //)",
+                         "script:21: error: label 'L' defined twice (first on line 8)", "not resolved: fix the label and goto errors first",
+                         "script:24: warning: line of 530 bytes: the reader sees only the first 509",
+                         "script:27: error: label 'END' on the last line without a newline"}},
+        {std::string("key check a\nkey check b\0key check c\n", 36), "", 1,
+         {"script:2: error: binary data (byte 0x00 at offset 23): not a text file; the reader sees nothing after a NUL byte"}},
+        {"key check a\nkey check \x01\n", "", 1, {"script:2: error: binary data (byte 0x01 at offset 22)"}},
+        {"label ADJ_01\nkey check a\n", "", 1, {"script:1: error: resume label 'ADJ_00' is missing"}},
+        {"", "", 0, {"the script is empty: nothing runs"}},
+        {"// comment\r\n\r\n   \r\n/x//y also a comment\r\nlabel ADJ_00\r\nkey check menu\r\n", "", 0,
+         {"script: 0 errors, 0 warnings, 1 command in the resolved run"}},
+        {"label ADJ_00\nlens init 1\nlabel P\nshutter measure 1/4000\ngoto P 2\nline_process awb high 5500\nunknown_cmd x\ndelay 10 ms\n", "", 1,
+         {"    1  LENS     lens init 1\n    2  CAP      shutter measure 1/4000\n    3  CAP      shutter measure 1/4000\n"
+          "    4  CAP      shutter measure 1/4000\n    5  CAP      line_process awb high 5500\n"
+          "    6  -        unknown_cmd x   (passed over: no worker)\n    7  DD       delay 10 ms\n       (end of the script)\n"}},
+        {"lens init 1\nlens \nkey check menu\n", "", 1, {"script:2: error: command 'lens' has no parameter: the run ends here",
+                                                         "    1  LENS     lens init 1\n       ('lens' has no parameter: the run ends there)\n"}},
+        {"label L\nkey check a\ngoto L 0\n", "--max 7", 1, {"    7  UI       key check a\n       (stopped after 7 commands"}}};
+    for (const auto& [script, options, status, expected] : cases) {
+        root.WriteFile("/script.adj", script);
+        pmtool::Result result = pmtool::Run("pmode-sim check " + options + " " + path);
+        for (size_t at; (at = result.output.find(path)) != std::string::npos;) result.output.replace(at, path.size(), "script");
+        pmtool::Check({expected.front(), status, expected}, result);
+    }
+}
+
+TEST(ScriptCheckerTest, ExampleCardPassesTheCheckUsingEveryWorkerGroupAndBadUsageIsRefused)
+{
+    TestRoot root;
+    std::vector<pmtool::Expected> runs = {
+        {"pmode-sim check " + pmtool::Source("examples/card/production.adj"), 0, {": 0 errors, 0 warnings", "  UI ", "  CAP ", "  LENS ",
+                                                                                  "  MENU ", "  WIFI ", "  DD ", "  ETC "}},
+        {"pmode-sim check " + root.Dir() + "/none.adj", 1, {": error: cannot open the script"}},
+        {"pmode-sim check " + root.Dir(), 1, {": error: the script is a directory, not a file"}}};
+    for (const char* usage : {"", "--max 0 x", "--max 4294967296 x", "--max 1000001 x", "--max abc x", "--max 5x x", "--max -3 x"})
+        runs.push_back({std::string("pmode-sim check ") + usage, 2, {"usage: pmode-sim check"}});
+    pmtool::ExpectRuns(runs);
+}

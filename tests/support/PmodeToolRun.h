@@ -1,14 +1,12 @@
 #pragma once
-// Runs the built command-line tools (pmode-sim, pmode-pc, pmode-kv, adjtool), which
-// including this puts first on the PATH, and checks their exit status and output.
-
+// Runs the built tools (pmode-sim, pmode-pc, pmode-kv, adjtool), which including this puts first on the PATH,
+// and checks their exit status and output.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,56 +23,52 @@ inline const bool kToolsOnPath = [] {
 }();
 
 struct Result {
-    int status = -1;    ///< exit status; -1 when it did not end by itself
-    std::string output; ///< standard output and error
+    int status = -1; ///< exit status; -1 when it did not end by itself
+    std::string output;
 };
 
-/// Runs a command line (words without shell meaning) to its end, killed after 60 s.
-/// The output comes through a pipe, so a file size limit of the test does not cut it.
+/// Runs a command line (words without shell meaning) to its end, killed after 60 s; its output and errors come
+/// through a pipe, which a file size limit of the test does not cut.
 inline Result Run(const std::string& commandLine)
 {
     Result result;
     FILE* pipe = popen(("timeout -s KILL 60 " + commandLine + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return result;
     char chunk[4096];
-    for (size_t got; (got = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) result.output.append(chunk, got);
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    for (size_t got; pipe != nullptr && (got = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) result.output.append(chunk, got);
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
+    result.status = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
 
-/// Expects every part in the text; a missing one is named with the whole text.
-inline void ExpectHas(const std::string& text, const std::vector<std::string>& parts)
-{
-    for (const std::string& part : parts) EXPECT_NE(text.find(part), std::string::npos) << "missing: " << part << "\n" << text;
-}
-
-/// A command line, the exit status it ends with and texts its output holds.
+/// What a run must show: its exit status, texts its output holds and texts it does not hold.
 struct Expected {
-    std::string commandLine;
+    std::string commandLine; // also names the run in failures
     int status;
     std::vector<std::string> output;
+    std::vector<std::string> absent = {};
 };
 
-/// Runs the command lines in turn, each checked; their results.
-inline std::vector<Result> ExpectRuns(const std::vector<Expected>& runs)
+inline void Check(const Expected& expected, const Result& result)
 {
-    std::vector<Result> results;
-    for (const Expected& run : runs) {
-        SCOPED_TRACE(run.commandLine);
-        results.push_back(Run(run.commandLine));
-        EXPECT_EQ(results.back().status, run.status) << results.back().output;
-        ExpectHas(results.back().output, run.output);
-    }
-    return results;
+    SCOPED_TRACE(expected.commandLine);
+    EXPECT_EQ(result.status, expected.status) << result.output;
+    for (const std::string& text : expected.output) EXPECT_NE(result.output.find(text), std::string::npos) << text << "\n" << result.output;
+    for (const std::string& text : expected.absent) EXPECT_EQ(result.output.find(text), std::string::npos) << text << "\n" << result.output;
 }
 
-/// Counts the lines of text that contain needle.
-inline int CountLines(const std::string& text, const std::string& needle)
+/// Runs the command lines in turn, each checked; the output of the last.
+inline std::string ExpectRuns(const std::vector<Expected>& runs)
 {
-    std::istringstream lines(text);
+    Result result;
+    for (const Expected& run : runs) Check(run, result = Run(run.commandLine));
+    return result.output;
+}
+
+/// How often needle occurs in text.
+inline int Count(const std::string& text, const std::string& needle)
+{
     int count = 0;
-    for (std::string line; std::getline(lines, line);) count += line.find(needle) != std::string::npos ? 1 : 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size())) ++count;
     return count;
 }
 
