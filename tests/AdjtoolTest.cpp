@@ -17,21 +17,16 @@ protected:
     const std::string dump = root.Dir() + "/saved.dump", image = "adjtool --image " + dump + " ";
 };
 
-TEST_F(AdjtoolTest, ListShowsEveryItemOfAFreshStore)
+TEST_F(AdjtoolTest, ListSetGetResetDumpDiffAndLoadWorkOnTheDeviceAndOnAnImage)
 {
     const std::string list = ExpectRuns({{"adjtool list", 0, {"114  ADJUST_PRESET_DEFECT_PIXEL_ADR", "  0  ADJUST_CHECKSUM1", "17 (0x11)",
                                           "      320     8400  all zero (8400 bytes)", "\"00\"", "139  LINE_PTP_AUTO_ENABLE"}}});
     EXPECT_EQ(pmtool::Count(list, "\n"), 1 + 133 + 10) << list;
-}
-
-TEST_F(AdjtoolTest, SetGetResetDumpDiffAndLoadWorkOnTheDeviceAndOnAnImage)
-{
     ExpectRuns({{"adjtool set ADJUST_CIS_SN 305419896", 0, {}}, {"adjtool get ADJUST_CIS_SN", 0, {"305419896 (0x12345678)"}},
                 {"adjtool set adjust_cis_clamp_level -1", 0, {}}, {"adjtool get adjust_cis_clamp_level", 0, {"65535 (0xffff)"}},
                 {"adjtool set ADJUST_CIS_LOT_NUMBER text:LOT-42", 0, {}}, {"adjtool get ADJUST_CIS_LOT_NUMBER", 0, {"\"LOT-42\""}},
                 {"adjtool set 94 hex:00:11:22:33:44:55:66:77:88:99:aa:bb", 0, {}}, {"adjtool get 94", 0, {"00 11 22 33 44 55 66 77 88 99 aa bb"}},
                 {"adjtool set 135 12", 0, {}}, {"adjtool get 135", 0, {"4  12\n"}}, {"adjtool set 27 0x10", 0, {}}});
-    // The values are on the device's NAND, where the library reads them.
     pref_sim_forget_images();
     CAdjustDataManager::GetInstance()->Initialize();
     EXPECT_EQ(Bytes({0x10, 0, 0, 0}), ItemBytes(ADJUST_CIS_SN));
@@ -81,7 +76,7 @@ TEST_F(AdjtoolTest, BadInputGetsAMessageAndANonZeroStatusAndChangesNothing)
 TEST_F(AdjtoolTest, NothingIsShownOrPassedThatWasNotSaved)
 {
     ExpectRuns({{"adjtool set ADJUST_CIS_SN 9", 0, {}}, {"adjtool dump " + dump, 0, {}}});
-    const std::vector<pmtool::Expected> cases = { // absent: what a report of the work done would print
+    const std::vector<pmtool::Expected> cases = { // absent: what a report of the work done would show
         {"adjtool set ADJUST_CIS_SN 5", 1, {"ADJUST_CIS_SN was not saved"}, {"5 (0x00000005)"}},
         {"adjtool reset ADJUST_CIS_SN", 1, {"ADJUST_CIS_SN was not reset"}, {"0 (0x00000000)"}},
         {"adjtool set 135 7", 1, {"LINE_CONTROL_NEXT_STEP was not saved"}, {"line        4  7"}},
@@ -89,14 +84,11 @@ TEST_F(AdjtoolTest, NothingIsShownOrPassedThatWasNotSaved)
         {"adjtool dump " + root.Dir() + "/again.dump", 1, {"dump to"}, {"dumped"}},
         {"adjtool load " + dump, 1, {"loading " + dump + " failed"}, {"loaded"}},
         {image + "set ADJUST_CIS_SN 6", 1, {"ADJUST_CIS_SN was not saved"}, {"6 (0x00000006)"}}};
-    std::vector<pmtool::Result> runs;
     {
-        // A NAND (and an image file) too small for any group: every save fails. The
-        // test's own output may be a file too, so nothing is reported in this scope.
+        // A NAND (and an image file) too small for any group: every save fails. (Failure messages here
+        // are cut when the test's own output goes to a file.)
         FileSizeLimit full(64);
-        for (const pmtool::Expected& run : cases) runs.push_back(pmtool::Run(run.commandLine));
+        ExpectRuns(cases);
     }
-    for (size_t i = 0; i < runs.size(); ++i) pmtool::Check(cases[i], runs[i]);
-    // What the device and the image hold is what was there before.
     ExpectRuns({{"adjtool get 27", 0, {" 9 (0x00000009)"}}, {"adjtool get 135", 0, {"  0\n"}}, {image + "get 27", 0, {" 9 (0x00000009)"}}});
 }

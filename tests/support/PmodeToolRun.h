@@ -12,23 +12,17 @@
 
 namespace pmtool {
 
-/// A path in the build tree, and one in the source tree.
-inline std::string Built(const std::string& path) { return std::string(std::getenv("PM_TEST_BINARY_DIR")) + "/" + path; }
 inline std::string Source(const std::string& path) { return std::string(std::getenv("PM_SOURCE_DIR")) + "/" + path; }
 
 inline const bool kToolsOnPath = [] {
     std::string path = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "/usr/bin:/bin";
-    for (const char* tool : {"pmode-sim", "pmode-pc", "pmode-kv", "adjtool"}) path = Built("tools/") + tool + ":" + path;
+    for (const char* tool : {"pmode-sim", "pmode-pc", "pmode-kv", "adjtool"}) path = std::getenv("PM_TEST_BINARY_DIR") + ("/tools/" + std::string(tool)) + ":" + path;
     return setenv("PATH", path.c_str(), 1) == 0;
 }();
 
-struct Result {
-    int status = -1; ///< exit status; -1 when it did not end by itself
-    std::string output;
-};
+struct Result { int status = -1; std::string output; }; // status: the exit status, -1 when it did not end by itself
 
-/// Runs a command line (words without shell meaning) to its end, killed after 60 s; its output and errors come
-/// through a pipe, which a file size limit of the test does not cut.
+/// Runs a command line (words without shell meaning), killed after 60 s; output through a pipe, which no file size limit cuts.
 inline Result Run(const std::string& commandLine)
 {
     Result result;
