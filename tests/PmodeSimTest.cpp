@@ -143,8 +143,9 @@ protected:
 
     void StartServer()
     {
-        server = popen(("echo $$; exec pmode-sim --root " + root.Dir() + " --card " + pmtool::Source("examples/card") + " --host-link" +
-                        " --serve-seconds 60 --json " + root.Host("/report.json") + " >" + root.Host("/server.txt") + " 2>&1").c_str(), "r");
+        const std::string serve = "exec pmode-sim --root " + root.Dir() + " --card " + pmtool::Source("examples/card") +
+                                  " --host-link --serve-seconds 60 --json " + root.Host("/report.json");
+        server = popen(("echo $$; " + pmtool::kToolsFirst + serve + " >" + root.Host("/server.txt") + " 2>&1").c_str(), "r");
         ASSERT_NE(server, nullptr);
         ASSERT_EQ(fscanf(server, "%d", &serverPid), 1);
     }

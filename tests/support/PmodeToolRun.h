@@ -1,6 +1,6 @@
 #pragma once
-// Runs the built tools (pmode-sim, pmode-pc, pmode-kv, adjtool), which including this puts first on the PATH,
-// and checks their exit status and output.
+// Runs the built tools (pmode-sim, pmode-pc, pmode-kv, adjtool) by their names, and checks their exit status and
+// output.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -14,11 +14,9 @@ namespace pmtool {
 
 inline std::string Source(const std::string& path) { return std::string(std::getenv("PM_SOURCE_DIR")) + "/" + path; }
 
-inline const bool kToolsOnPath = [] {
-    std::string path = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "/usr/bin:/bin";
-    for (const char* tool : {"pmode-sim", "pmode-pc", "pmode-kv", "adjtool"}) path = std::getenv("PM_TEST_BINARY_DIR") + ("/tools/" + std::string(tool)) + ":" + path;
-    return setenv("PATH", path.c_str(), 1) == 0;
-}();
+/// Puts the built tools first on a shell command's PATH.
+inline const std::string kToolsFirst = "PATH=$PM_TEST_BINARY_DIR/tools/pmode-sim:$PM_TEST_BINARY_DIR/tools/pmode-pc:"
+                                       "$PM_TEST_BINARY_DIR/tools/pmode-kv:$PM_TEST_BINARY_DIR/tools/adjtool:$PATH ";
 
 struct Result { int status = -1; std::string output; }; // status: the exit status, -1 when it did not end by itself
 
@@ -26,7 +24,7 @@ struct Result { int status = -1; std::string output; }; // status: the exit stat
 inline Result Run(const std::string& commandLine)
 {
     Result result;
-    FILE* pipe = popen(("timeout -s KILL 60 " + commandLine + " 2>&1").c_str(), "r");
+    FILE* pipe = popen((kToolsFirst + "timeout -s KILL 60 " + commandLine + " 2>&1").c_str(), "r");
     char chunk[4096];
     for (size_t got; pipe != nullptr && (got = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) result.output.append(chunk, got);
     const int status = pipe != nullptr ? pclose(pipe) : -1;
