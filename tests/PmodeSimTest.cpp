@@ -196,9 +196,11 @@ TEST_F(PmodePcTest, FailuresBadRequestsAndSlowAnswersFailOnThePc)
     StartServer();
     ExpectRuns({{pc + "batch " + failing, 1, {"2 requests, 1 passed, 1 failed", "failed: " + failing + ":2: line lens init 1 fail", "BATCH FAILED"}},
                 {pc + "line lens focus_check 1", 0, {"adjustment passed"}},
-                {pc + "op 0x10021001 0 0 0 0", 1, {}}, // no worker for a protocol operation after a LENS line
-                {"pmode-pc --wait 20 --timeout 0.3 line delay 1500 ms", 1, {"-> no answer within 300 ms  [FAIL]"}}});
-    pmtool::Check({"camera, which finishes the late command all the same", 1, {"DD    delay 1500 ms"}}, StopServer());
+                {pc + "op 0x10021001 0 0 0 0", 1, {}}}); // no worker for a protocol operation after a LENS line
+    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by a signal)"}}, StopServer());
+    StartServer();
+    ExpectRuns({{"pmode-pc --wait 20 --timeout 0.3 line delay 1500 ms", 1, {"-> no answer within 300 ms  [FAIL]"}}});
+    pmtool::Check({"camera, which finishes the late command all the same and stops cleanly", 0, {"DD    delay 1500 ms"}}, StopServer());
 }
 
 TEST_F(PmodePcTest, ToolsRefuseBadUsageTheHostRootAndNoRoot)
