@@ -6,9 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/resource.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <random>
@@ -17,10 +14,8 @@
 namespace {
 
 const std::string kBacking = "/mnt/ubi1/pref/adj_test.dat";
-const std::string kFront = "/mnt/ubi1/pref/adj_front.dat";
-const std::string kBack = "/mnt/ubi1/pref/adj_back.dat";
 
-std::string randomBytes(size_t size, unsigned seed)
+std::string RandomBytes(size_t size, unsigned seed)
 {
     std::mt19937 random(seed);
     std::string bytes(size, '\0');
@@ -28,48 +23,31 @@ std::string randomBytes(size_t size, unsigned seed)
     return bytes;
 }
 
-/// Exposes the stream helpers.
-class TestableFile : public CAdjustFile {
-public:
-    using CAdjustFile::copy;
-    using CAdjustFile::getFileSize;
-    using CAdjustFile::seek;
-};
-
-class AdjustFileTest : public ::testing::Test {
+class AdjustFileTest : public ::testing::Test, protected CAdjustFile {
 protected:
     void SetUp() override { std::filesystem::create_directories(root.Host("/mnt/ubi1/pref")); }
-
-    void ExpectNoTemporaries(const std::string& context)
+    /// The backing file holds content; false when nothing else is left in the directory.
+    bool HoldsOnly(const std::string& content) const
     {
-        EXPECT_FALSE(root.Exists(kFront)) << context;
-        EXPECT_FALSE(root.Exists(kBack)) << context;
+        return root.ReadFile(kBacking) == content && !root.Exists("/mnt/ubi1/pref/adj_front.dat") &&
+               !root.Exists("/mnt/ubi1/pref/adj_back.dat");
     }
-
     TestRoot root;
-    TestableFile store;
 };
 
-TEST_F(AdjustFileTest, MountCountsWholeRecordsOfAnExistingNonEmptyFile)
+TEST_F(AdjustFileTest, MountCountsWholeRecordsOfAnExistingNonEmptyFileAndRefusesBadNames)
 {
-    struct Case {
-        const char* name;
+    const struct {
         long size; // -1: no file
         bool mounted;
         unsigned long items; // after the call (count of the last successful mount)
-    } cases[] = {
-        {"280 bytes", 280, true, 2},  {"missing file", -1, false, 2}, {"empty file", 0, false, 2},
-        {"139 bytes", 139, true, 0},  {"281 bytes", 281, true, 2},    {"one record", 140, true, 1},
-    };
-    for (const Case& c : cases) {
+    } cases[] = {{280, true, 2}, {-1, false, 2}, {0, false, 2}, {139, true, 0}, {281, true, 2}, {140, true, 1}};
+    for (const auto& c : cases) {
         std::filesystem::remove(root.Host(kBacking));
         if (c.size >= 0) root.WriteFile(kBacking, std::string(static_cast<size_t>(c.size), 'a'));
-        EXPECT_EQ(c.mounted, store.Mount("adj_test.dat")) << "case " << c.name;
-        EXPECT_EQ(c.items, store.GetItemNum()) << "case " << c.name;
+        EXPECT_EQ(c.mounted, Mount("adj_test.dat")) << "size " << c.size;
+        EXPECT_EQ(c.items, GetItemNum()) << "size " << c.size;
     }
-    EXPECT_TRUE(store.crcCheck());
-
-    root.WriteFile(kBacking, "abc");
     CAdjustFile unmounted;
     char buffer[3];
     EXPECT_FALSE(unmounted.Read(0, buffer, 3)) << "no path before Mount";
@@ -78,108 +56,85 @@ TEST_F(AdjustFileTest, MountCountsWholeRecordsOfAnExistingNonEmptyFile)
     EXPECT_FALSE(unmounted.Mount(std::string(241, 'n').c_str()));
     EXPECT_FALSE(unmounted.Mount(nullptr));
     EXPECT_EQ(-1, unmounted.Remove(0, 1)) << "a refused name leaves no path behind";
-    const std::string longest(240, 'n');
-    root.WriteFile("/mnt/ubi1/pref/" + longest, std::string(280, 'x'));
-    EXPECT_TRUE(unmounted.Mount(longest.c_str())) << "240 characters fit the path";
+    root.WriteFile("/mnt/ubi1/pref/" + std::string(240, 'n'), std::string(280, 'x'));
+    EXPECT_TRUE(unmounted.Mount(std::string(240, 'n').c_str())) << "240 characters fit the path";
     EXPECT_EQ(2u, unmounted.GetItemNum());
 }
 
 TEST_F(AdjustFileTest, ReadAndWriteHonourTheEndOfTheFile)
 {
-    EXPECT_FALSE(store.Mount("adj_test.dat"));
+    EXPECT_FALSE(Mount("adj_test.dat"));
+    EXPECT_EQ(-1, Remove(0, 4)) << "Remove needs the file";
+    EXPECT_EQ(0, Insert(0, 3)) << "Insert creates it";
+    EXPECT_TRUE(HoldsOnly(std::string(3, '\0')));
     char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    ASSERT_TRUE(store.Write(0, bytes, 4)) << "Write creates the file";
-    EXPECT_EQ(std::string("\x01\x02\x03\x04", 4), root.ReadFile(kBacking));
-    ASSERT_TRUE(store.Write(10, bytes + 4, 4)) << "Write past the end grows the file";
+    ASSERT_TRUE(Write(0, bytes, 4));
+    ASSERT_TRUE(Write(10, bytes + 4, 4)) << "Write past the end grows the file";
     EXPECT_EQ(std::string("\x01\x02\x03\x04\0\0\0\0\0\0\x05\x06\x07\x08", 14), root.ReadFile(kBacking));
-
     char out[14] = {};
-    EXPECT_TRUE(store.Read(10, out, 4));
+    EXPECT_TRUE(Read(10, out, 4));
     EXPECT_EQ(std::string("\x05\x06\x07\x08", 4), std::string(out, 4));
-    EXPECT_TRUE(store.Read(0, out, 14)) << "up to the last byte";
-    EXPECT_FALSE(store.Read(1, out, 14)) << "one byte past the end";
-    EXPECT_FALSE(store.Read(100, out, 1));
-    EXPECT_TRUE(store.Read(14, out, 0)) << "nothing at the end";
-    EXPECT_FALSE(store.Read(0, nullptr, 1));
-    EXPECT_FALSE(store.Write(0, nullptr, 1));
+    EXPECT_TRUE(Read(0, out, 14)) << "up to the last byte";
+    EXPECT_FALSE(Read(1, out, 14)) << "one byte past the end";
+    EXPECT_FALSE(Read(100, out, 1));
+    EXPECT_TRUE(Read(14, out, 0)) << "nothing at the end";
+    EXPECT_FALSE(Read(0, nullptr, 1));
+    EXPECT_FALSE(Write(0, nullptr, 1));
     EXPECT_EQ(14u, root.ReadFile(kBacking).size());
+    std::filesystem::remove(root.Host(kBacking));
+    ASSERT_TRUE(Write(0, bytes, 4)) << "Write creates the file";
+    EXPECT_EQ(std::string("\x01\x02\x03\x04", 4), root.ReadFile(kBacking));
 }
 
 TEST_F(AdjustFileTest, InsertAndRemoveRebuildTheFileAsTheModelSays)
 {
-    const std::string original = randomBytes(3000, 1);
-    struct Case {
+    // Longer than a chunk of the copy many times over.
+    const std::string original = RandomBytes(2400 * 1024 + 333, 1);
+    const unsigned long n = original.size();
+    const struct {
         const char* name;
         bool insert;
-        unsigned long offset;
-        unsigned long size;
+        unsigned long offset, size;
         int result;
         std::string expected;
     } cases[] = {
         {"insert at 0", true, 0, 140, 0, std::string(140, '\0') + original},
         {"insert in the middle", true, 1500, 1025, 0,
          original.substr(0, 1500) + std::string(1025, '\0') + original.substr(1500)},
-        {"insert at the end", true, 3000, 7, 0, original + std::string(7, '\0')},
+        {"insert at the end", true, n, 7, 0, original + std::string(7, '\0')},
         {"insert of nothing", true, 1234, 0, 0, original},
-        {"insert past the end", true, 3001, 5, -3, original},
+        {"insert past the end", true, n + 1, 5, -3, original},
         {"remove at 0", false, 0, 140, 0, original.substr(140)},
         {"remove in the middle", false, 1024, 1024, 0, original.substr(0, 1024) + original.substr(2048)},
-        {"remove the last bytes", false, 2860, 140, 0, original.substr(0, 2860)},
-        {"remove passing the end cuts", false, 2000, 5000, 0, original.substr(0, 2000)},
+        {"remove the last bytes", false, n - 140, 140, 0, original.substr(0, n - 140)},
+        {"remove passing the end cuts", false, 2000, n, 0, original.substr(0, 2000)},
         {"remove of nothing", false, 17, 0, 0, original},
-        {"remove everything", false, 0, 3000, 0, ""},
-        {"remove past the end", false, 3001, 1, -3, original},
+        {"remove everything", false, 0, n, 0, ""},
+        {"remove past the end", false, n + 1, 1, -3, original},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         root.WriteFile(kBacking, original);
-        ASSERT_TRUE(store.Mount("adj_test.dat"));
-        const int result = c.insert ? store.Insert(c.offset, c.size) : store.Remove(c.offset, c.size);
-        EXPECT_EQ(c.result, result) << "case " << c.name;
-        EXPECT_TRUE(c.expected == root.ReadFile(kBacking)) << "case " << c.name << ": wrong content";
-        ExpectNoTemporaries(std::string("case ") + c.name);
+        ASSERT_TRUE(Mount("adj_test.dat"));
+        EXPECT_EQ(c.result, c.insert ? Insert(c.offset, c.size) : Remove(c.offset, c.size)) << c.name;
+        EXPECT_TRUE(HoldsOnly(c.expected)) << c.name;
     }
-}
-
-TEST_F(AdjustFileTest, InsertOnAMissingFileCreatesItAndRemoveNeedsIt)
-{
-    store.Mount("adj_test.dat");
-    EXPECT_EQ(-1, store.Remove(0, 4));
-    EXPECT_FALSE(root.Exists(kBacking));
-    EXPECT_EQ(0, store.Insert(0, 300));
-    EXPECT_EQ(std::string(300, '\0'), root.ReadFile(kBacking));
-    ExpectNoTemporaries("after insert");
-}
-
-TEST_F(AdjustFileTest, InsertAndRemoveMoveALongTail)
-{
-    const std::string original = randomBytes(2400 * 1024 + 333, 2);
-    root.WriteFile(kBacking, original);
-    ASSERT_TRUE(store.Mount("adj_test.dat"));
-    ASSERT_EQ(0, store.Insert(140, 140));
-    const std::string grown = root.ReadFile(kBacking);
-    EXPECT_TRUE(original.substr(0, 140) + std::string(140, '\0') + original.substr(140) == grown);
-    ASSERT_EQ(0, store.Remove(140, 140));
-    EXPECT_TRUE(original == root.ReadFile(kBacking));
-    ExpectNoTemporaries("after the long tail");
 }
 
 TEST_F(AdjustFileTest, CopyChecksItsRangeAndStreams)
 {
-    root.WriteFile("/mnt/ubi1/pref/source.dat", randomBytes(3000, 3));
-    FILE* source = std::fopen(root.Host("/mnt/ubi1/pref/source.dat").c_str(), "rb");
-    FILE* destination = std::fopen(root.Host("/mnt/ubi1/pref/destination.dat").c_str(), "w+b");
-    FILE* readOnly = std::fopen(root.Host("/mnt/ubi1/pref/source.dat").c_str(), "rb");
-    FILE* writeOnly = std::fopen(root.Host("/mnt/ubi1/pref/write-only.dat").c_str(), "wb");
+    root.WriteFile("/mnt/ubi1/pref/source.dat", RandomBytes(3000, 3));
+    auto open = [&](const char* name, const char* mode) { return std::fopen(root.Host(name).c_str(), mode); };
+    FILE* source = open("/mnt/ubi1/pref/source.dat", "rb");
+    FILE* destination = open("/mnt/ubi1/pref/destination.dat", "w+b");
+    FILE* readOnly = open("/mnt/ubi1/pref/source.dat", "rb");
+    FILE* writeOnly = open("/mnt/ubi1/pref/write-only.dat", "wb");
     ASSERT_TRUE(source && destination && readOnly && writeOnly);
     std::fputs("0123456789", writeOnly);
     std::fflush(writeOnly);
-
-    struct Case {
+    const struct {
         const char* name;
-        FILE* from;
-        FILE* to;
-        unsigned long start;
-        unsigned long size;
+        FILE *from, *to;
+        unsigned long start, size;
         int result;
     } cases[] = {
         {"all of it", source, destination, 0, 3000, 0},
@@ -191,44 +146,34 @@ TEST_F(AdjustFileTest, CopyChecksItsRangeAndStreams)
         {"destination not writable", source, readOnly, 0, 10, -1},
         {"source not readable", writeOnly, destination, 0, 10, -3},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(c.result, store.copy(c.from, c.to, c.start, 5, c.size)) << "case " << c.name;
-    }
-    std::fclose(source);
-    std::fclose(destination);
-    std::fclose(readOnly);
-    std::fclose(writeOnly);
-    const std::string copied = root.ReadFile("/mnt/ubi1/pref/destination.dat");
-    EXPECT_TRUE(std::string(5, '\0') + root.ReadFile("/mnt/ubi1/pref/source.dat") == copied);
-    EXPECT_EQ(-1, store.getFileSize(nullptr));
-    EXPECT_FALSE(store.seek(nullptr, 0, SEEK_SET));
+    for (const auto& c : cases) EXPECT_EQ(c.result, copy(c.from, c.to, c.start, 5, c.size)) << c.name;
+    for (FILE* file : {source, destination, readOnly, writeOnly}) std::fclose(file);
+    EXPECT_TRUE(std::string(5, '\0') + root.ReadFile("/mnt/ubi1/pref/source.dat") ==
+                root.ReadFile("/mnt/ubi1/pref/destination.dat"));
+    EXPECT_EQ(-1, getFileSize(nullptr));
+    EXPECT_FALSE(seek(nullptr, 0, SEEK_SET));
 }
 
-TEST_F(AdjustFileTest, FullDiskWhileStagingKeepsTheOldFile)
+TEST_F(AdjustFileTest, FullDiskKeepsTheOldFileOrTheNewContentInTheTemporaries)
 {
-    const std::string original = randomBytes(200 * 1024, 4);
+    const std::string original = RandomBytes(200 * 1024, 4);
     root.WriteFile(kBacking, original);
-    ASSERT_TRUE(store.Mount("adj_test.dat"));
+    ASSERT_TRUE(Mount("adj_test.dat"));
     {
         FileSizeLimit full(100 * 1024);
-        EXPECT_EQ(-3, store.Insert(150 * 1024, 140)) << "the front part does not fit";
-        EXPECT_EQ(-3, store.Remove(0, 140)) << "the back part does not fit";
-        EXPECT_EQ(-3, store.Insert(10, 120 * 1024)) << "the run of zeros does not fit";
+        EXPECT_EQ(-3, Insert(150 * 1024, 140)) << "the front part does not fit";
+        EXPECT_EQ(-3, Remove(0, 140)) << "the back part does not fit";
+        EXPECT_EQ(-3, Insert(10, 120 * 1024)) << "the run of zeros does not fit";
     }
-    EXPECT_TRUE(original == root.ReadFile(kBacking));
-    ExpectNoTemporaries("after the full disk");
-}
+    EXPECT_TRUE(HoldsOnly(original));
 
-TEST_F(AdjustFileTest, FullDiskWhileWritingBackKeepsTheNewContentInTheTemporaries)
-{
-    const std::string original = randomBytes(90 * 1024, 5);
-    root.WriteFile(kBacking, original);
-    ASSERT_TRUE(store.Mount("adj_test.dat"));
+    root.WriteFile(kBacking, original.substr(0, 90 * 1024));
     {
         FileSizeLimit full(100 * 1024);
-        EXPECT_EQ(-3, store.Insert(0, 20 * 1024)) << "the grown file does not fit";
+        EXPECT_EQ(-3, Insert(0, 20 * 1024)) << "the grown file does not fit";
     }
-    EXPECT_TRUE(std::string(20 * 1024, '\0') + original == root.ReadFile(kFront) + root.ReadFile(kBack))
+    EXPECT_TRUE(std::string(20 * 1024, '\0') + original.substr(0, 90 * 1024) ==
+                root.ReadFile("/mnt/ubi1/pref/adj_front.dat") + root.ReadFile("/mnt/ubi1/pref/adj_back.dat"))
         << "the temporaries hold the whole new content";
 }
 

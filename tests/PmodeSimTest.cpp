@@ -1,345 +1,278 @@
-// pmode-sim, the simulated camera body: runs the card as the camera does, shows
-// and reports every command, and its exit status says whether the run passed.
-// The calibration it stores must be on the simulated NAND afterwards.
+// pmode-sim runs a card as the camera does (PmodeSimTest), pmode-pc drives it in host-link mode from another process
+// (PmodePcTest), its checker names each fault of a script at its line (ScriptCheckerTest).
 #include "AdjustDataList.h"
 #include "CAdjustDataManager.h"
 #include "FileSizeLimit.h"
 #include "PmodeToolRun.h"
 #include "TestRoot.h"
 
-#include <gtest/gtest.h>
+#include <signal.h>
 
 #include <filesystem>
-#include <string>
 
 namespace fs = std::filesystem;
-
-namespace {
-
-constexpr int kLineFinishedStep = 134;
-constexpr int kLineNextStep = 135;
+using pmtool::ExpectRuns;
 
 class PmodeSimTest : public ::testing::Test {
 protected:
-    /// A copy of the example card in the test's directory, for changing it.
-    std::string CopyExampleCard(const std::string& name = "card")
+    /// A run on the test's root (a later --root wins); its output followed by its report.
+    pmtool::Result RunSim(const std::string& options)
     {
-        std::string card = root.Dir() + "/" + name;
-        fs::create_directories(card);
-        fs::copy(pmtool::SourceDir() + "/examples/card", card, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
-        return card;
+        fs::remove(root.Host("/report.json"));
+        pmtool::Result run = pmtool::Run(sim + options);
+        run.output += root.ReadFile("/report.json");
+        return run;
     }
-
-    static void ReplaceInFile(const std::string& path, const std::string& from, const std::string& to)
-    {
-        std::string text = pmtool::ReadAll(path);
-        size_t at = text.find(from);
-        ASSERT_NE(at, std::string::npos) << from;
-        text.replace(at, from.size(), to);
-        pmtool::WriteAll(path, text);
-    }
-
-    pmtool::Result RunSim(std::vector<std::string> options, double seconds = 60)
-    {
-        std::vector<std::string> args = {pmtool::Sim(), "--root", root.Dir()};
-        args.insert(args.end(), options.begin(), options.end());
-        return pmtool::Run(args, root.Dir(), seconds);
-    }
-
-    std::string Json() const { return pmtool::ReadAll(root.Dir() + "/report.json"); }
 
     TestRoot root; // also PMODE_ROOT of this process, for reading the NAND afterwards
+    const std::string sim = "pmode-sim --root " + root.Dir() + " --json " + root.Host("/report.json") + " ";
+    const std::string example = "--card " + pmtool::Source("examples/card") + " ";
 };
 
 TEST_F(PmodeSimTest, ExampleCardRunsToAPassAndItsCalibrationIsOnTheNand)
 {
-    pmtool::Result run = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--json", root.Dir() + "/report.json"});
-    ASSERT_EQ(run.status, 0) << run.output;
-    EXPECT_NE(run.output.find("script mode: /mnt/mmc/production.adj, from step 0 (label ADJ_00)"), std::string::npos);
-    EXPECT_NE(run.output.find("run PASSED (script mode, end of the script): 32 commands run, 32 passed, 0 failed"),
-              std::string::npos)
-        << run.output;
-    EXPECT_EQ(pmtool::CountLines(run.output, " PASS "), 32);
-    EXPECT_EQ(pmtool::CountLines(run.output, "CAP   shutter measure 1/4000"), 3);
-    EXPECT_EQ(pmtool::CountLines(run.output, "pre-flight:"), 0);
-
-    std::string json = Json();
-    EXPECT_NE(json.find("\"passed\": true"), std::string::npos) << json;
-    EXPECT_NE(json.find("\"commands_run\": 32"), std::string::npos);
-    EXPECT_NE(json.find("\"failing_command\": null"), std::string::npos);
-    EXPECT_NE(json.find("{\"index\": 32, \"worker\": \"ETC\", \"command\": \"line_process final_check all\""),
-              std::string::npos);
-
-    // Result tables on the card: the three shutter passes, each with the sensor's serial number.
-    std::string shutter = root.ReadFile("/mnt/mmc/shutter_result.csv");
+    const pmtool::Result run = RunSim(example);
+    pmtool::Check({example, 0, {"script mode: /mnt/mmc/production.adj, from step 0 (label ADJ_00)", "\"passed\": true",
+                                "run PASSED (script mode, end of the script): 32 commands run, 32 passed, 0 failed", "\"commands_run\": 32",
+                                "\"failing_command\": null", "{\"index\": 32, \"worker\": \"ETC\", \"command\": \"line_process final_check all\""},
+                   {"pre-flight:"}}, run);
+    EXPECT_EQ(pmtool::Count(run.output, " PASS "), 32);
+    const std::string shutter = root.ReadFile("/mnt/mmc/shutter_result.csv");
     EXPECT_EQ(shutter.rfind("Index,CIS S/N,SPEED,PASS,NOMINAL_US,MEASURED_US,DEVIATION_PCT\r\n", 0), 0u) << shutter;
-    EXPECT_EQ(pmtool::CountLines(shutter, ",40718833,1/4000,"), 3) << shutter;
+    EXPECT_EQ(pmtool::Count(shutter, ",40718833,1/4000,"), 3) << shutter;
 
-    // The calibration survives the process: read it back from the simulated NAND.
+    // On the NAND: line value 135 is the next step (a finished unit starts again at 0), 134 the last one finished.
     CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
     adjust->Initialize();
-    for (int mark : {ADJUST_SHUTTER_PROCESS_MARK, ADJUST_AWB_H_PROCESS_MARK, ADJUST_INTERNAL_STROBE_PROCESS_MARK,
-                     ADJUST_LENS_MOUNT_PROCESS_MARK, ADJUST_TOUCH_PROCESS_MARK, ADJUST_MAIN_FUNCTION_PROCESS_MARK}) {
-        unsigned char value = 0;
-        EXPECT_TRUE(adjust->GetData(mark, &value, 1));
-        EXPECT_EQ(value, '&') << get_adjust_data_id_name(static_cast<_AdjustDataID>(mark));
+    const std::tuple<int, uint32_t, uint32_t> stored[] = { // id, size, value
+        {ADJUST_SHUTTER_PROCESS_MARK, 1, '&'}, {ADJUST_AWB_H_PROCESS_MARK, 1, '&'}, {ADJUST_INTERNAL_STROBE_PROCESS_MARK, 1, '&'},
+        {ADJUST_LENS_MOUNT_PROCESS_MARK, 1, '&'}, {ADJUST_TOUCH_PROCESS_MARK, 1, '&'}, {ADJUST_MAIN_FUNCTION_PROCESS_MARK, 1, '&'},
+        {ADJUST_CIS_SN, 4, 40718833}, {ADJUST_SHIPMENT_COUNTRY, 2, 2}, {ADJUST_AWB_HIGH_TEMP_RGAIN, 2, 1819}, {135, 4, 0}, {134, 4, 3}};
+    for (const auto& [id, size, expected] : stored) {
+        uint32_t value = 0; // little-endian
+        EXPECT_TRUE(adjust->GetData(id, &value, size)) << id;
+        EXPECT_EQ(value, expected) << id;
     }
-    uint32_t serial = 0;
-    uint16_t country = 0, redGain = 0;
-    EXPECT_TRUE(adjust->GetData(ADJUST_CIS_SN, &serial, 4));
-    EXPECT_TRUE(adjust->GetData(ADJUST_SHIPMENT_COUNTRY, &country, 2));
-    EXPECT_TRUE(adjust->GetData(ADJUST_AWB_HIGH_TEMP_RGAIN, &redGain, 2));
-    EXPECT_EQ(serial, 40718833u);
-    EXPECT_EQ(country, 2);
-    EXPECT_GT(redGain, 1024);
-    int32_t next = -1, finished = -1;
-    EXPECT_TRUE(adjust->GetData(kLineNextStep, &next, 4));
-    EXPECT_TRUE(adjust->GetData(kLineFinishedStep, &finished, 4));
-    EXPECT_EQ(next, 0) << "a finished unit starts again at step 0";
-    EXPECT_EQ(finished, 3);
+    ExpectRuns({{sim + example + "--step 3", 0, {"from step 3 (label ADJ_03)", "[  1] CAP   line_process awb high 6500"}}});
 }
 
 TEST_F(PmodeSimTest, ProvokedFailureEndsTheRunAndTheNextRunResumesAtItsStep)
 {
-    std::string card = CopyExampleCard();
-    ReplaceInFile(card + "/production.adj", "shutter adjust 1/4000\n", "shutter adjust 1/4000 fail\n");
-    pmtool::Result failed = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
-    EXPECT_EQ(failed.status, 1) << failed.output;
-    EXPECT_NE(failed.output.find("run FAILED (script mode, stopped at a failing command): 17 commands run, 16 passed, 1 failed"),
-              std::string::npos)
-        << failed.output;
-    EXPECT_NE(failed.output.find("failing command: [17] CAP shutter adjust 1/4000 fail (result -1)"), std::string::npos);
-    EXPECT_EQ(pmtool::CountLines(failed.output, "[ 18]"), 0) << "nothing runs after the failing command";
-    std::string json = Json();
-    EXPECT_NE(json.find("\"passed\": false"), std::string::npos) << json;
-    EXPECT_NE(json.find("\"exit_status\": 1"), std::string::npos);
-    EXPECT_NE(json.find("\"failing_command\": {\"index\": 17, \"worker\": \"CAP\", \"command\": \"shutter adjust 1/4000 fail\""),
-              std::string::npos)
-        << json;
+    fs::copy(pmtool::Source("examples/card"), root.Host("/card"), fs::copy_options::recursive);
+    const std::string script = root.ReadFile("/card/production.adj");
+    std::string failing = script;
+    root.WriteFile("/card/production.adj", failing.replace(failing.find("shutter adjust 1/4000\n"), 21, "shutter adjust 1/4000 fail"));
+    pmtool::Check({"failing run", 1, {"run FAILED (script mode, stopped at a failing command): 17 commands run, 16 passed, 1 failed",
+                                      "failing command: [17] CAP shutter adjust 1/4000 fail (result -1)", "\"passed\": false",
+                                      "\"failing_command\": {\"index\": 17, \"worker\": \"CAP\", \"command\": \"shutter adjust 1/4000 fail\"",
+                                      "\"exit_status\": 1"}, {"[ 18]"}}, RunSim("--card " + root.Host("/card")));
 
-    // The operator fixes the unit; the run starts again at the recorded step 2.
-    ReplaceInFile(card + "/production.adj", "shutter adjust 1/4000 fail\n", "shutter adjust 1/4000\n");
-    pmtool::Result resumed = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
-    EXPECT_EQ(resumed.status, 0) << resumed.output;
-    EXPECT_NE(resumed.output.find("from step 2 (label ADJ_02)"), std::string::npos) << resumed.output;
-    EXPECT_NE(resumed.output.find("[  1] CAP   shutter init 1"), std::string::npos) << resumed.output;
-    EXPECT_NE(resumed.output.find("20 commands run, 20 passed, 0 failed"), std::string::npos) << resumed.output;
-    EXPECT_NE(Json().find("\"resume_step\": 2"), std::string::npos);
+    root.WriteFile("/card/production.adj", script);
+    pmtool::Check({"resumed run", 0, {"from step 2 (label ADJ_02)", "[  1] CAP   shutter init 1", "\"resume_step\": 2",
+                                      "20 commands run, 20 passed, 0 failed"}}, RunSim("--card " + root.Host("/card")));
 }
 
-TEST_F(PmodeSimTest, CardWithoutARunnableScriptStartsNoRun)
+TEST_F(PmodeSimTest, EachCardEndsWithItsVerdictAndABrokenOneNeverPasses)
 {
-    struct Case {
-        const char* name;
-        const char* infoTg; // null: no info.tg
-        int status;
-    };
-    const Case cases[] = {{"empty card", nullptr, 3}, {"script name without .adj", "production.txt", 3},
-                          {"named script missing", "missing.adj", 3}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string card = root.Dir() + "/card-" + std::to_string(&c - cases);
-        fs::create_directories(card);
-        if (c.infoTg != nullptr) pmtool::WriteAll(card + "/info.tg", c.infoTg);
-        fs::remove_all(root.Host("/mnt/mmc"));
-        pmtool::Result run = RunSim({"--card", card});
-        EXPECT_EQ(run.status, c.status) << run.output;
-        EXPECT_NE(run.output.find("the card starts no production run"), std::string::npos) << run.output;
+    std::string garbage; // bytes no text file holds, the same on every run
+    for (uint32_t i = 0, state = 12345; i < 4096; ++i, state = state * 1103515245u + 12345u) garbage += static_cast<char>(state >> 24);
+    const std::string broken = "label ADJ_00\nkey check a\ngoto NOWHERE 1\nkey check b\n", noRun = "the card starts no production run";
+    const std::string notRun = "run FAILED (script mode, not run: ", loop = "label ADJ_00\nlabel AGAIN\ndelay 1 ms\ngoto AGAIN 0\n";
+    // info.tg's script, its text ("-": none, "DIR": a directory), options, status, output and report, commands passed.
+    const std::tuple<std::string, std::string, std::string, int, std::vector<std::string>, int> cases[] = {
+        {"", "-", "", 3, {noRun}, 0}, {"production.txt", "-", "", 3, {noRun}, 0}, {"missing.adj", "-", "", 3, {noRun}, 0},
+        {"prod.adj", garbage, "", 1, {"pre-flight: /mnt/mmc/prod.adj:1: error: binary data (byte 0x", notRun}, 0},
+        {"prod.adj", garbage, "--force", 1, {"not a pass: no command was run", "\"passed\": false"}, 0},
+        {"prod.adj", "", "", 1, {"run FAILED (script mode, end of the script)", "not a pass: no command was run"}, 0},
+        {"prod.adj", "DIR", "", 1, {"pre-flight: /mnt/mmc/prod.adj: error: the script is a directory, not a file", notRun}, 0},
+        {"prod.adj", broken, "", 1, {"pre-flight: /mnt/mmc/prod.adj:3: error: goto to unknown label 'NOWHERE'",
+                                     "not a pass: the pre-flight check found 1 error in the script\n"}, 0},
+        {"prod.adj", broken, "--force", 1, {"Assertion Failed! --- File lib/production-mode/src/CProductionScript.cpp",
+                                            "run FAILED (script mode, end of the script): 1 commands run, 1 passed, 0 failed",
+                                            "not a pass: the pre-flight check found 1 error in the script (run forced with --force)",
+                                            "not a pass: 1 failed check reported"}, 1},
+        {"prod.adj", loop, "--force --timeout 1 --quiet", 4, {"pre-flight: /mnt/mmc/prod.adj:4: error: goto count '0' is read as 0",
+                                                              "run FAILED (script mode, timed out after 1 s)", "\"aborted\": true"}, 0},
+        {"prod.adj", "label ADJ_00\nkey check a\"b\\c\tfail\n", "", 1,
+         {"\"command\": \"key check a\\\"b\\\\c fail\"", "failure provoked by the script (parameter \\\"fail\\\")"}, 0},
+        {"prod.adj", "adj_wifi certification 1\n", "", 0,
+         {"script mode: /mnt/mmc/prod.adj (Wi-Fi certification)", "WIFI  adj_wifi certification 1"}, 1}};
+    int row = 0;
+    for (const auto& [script, text, options, status, expected, passes] : cases) {
+        const std::string card = "/card-" + std::to_string(++row);
+        fs::create_directories(root.Host(card));
+        if (!script.empty()) root.WriteFile(card + "/info.tg", script);
+        if (text == "DIR") fs::create_directories(root.Host(card + "/" + script + "/sub"));
+        else if (text != "-") root.WriteFile(card + "/" + script, text);
+        const pmtool::Result run = RunSim("--root " + root.Host("/device" + card) + " --card " + root.Host(card) + " " + options);
+        pmtool::Check({expected.front(), status, expected}, run);
+        EXPECT_EQ(pmtool::Count(run.output, " PASS "), passes) << run.output;
     }
-}
-
-TEST_F(PmodeSimTest, EndlessLoopIsStoppedByTheTimeOut)
-{
-    std::string card = root.Dir() + "/card";
-    fs::create_directories(card);
-    pmtool::WriteAll(card + "/info.tg", "loop.adj");
-    pmtool::WriteAll(card + "/loop.adj", "label ADJ_00\nlabel AGAIN\ndelay 1 ms\ngoto AGAIN 0\n");
-    pmtool::Result run =
-        RunSim({"--card", card, "--force", "--timeout", "1", "--quiet", "--json", root.Dir() + "/report.json"}, 20);
-    EXPECT_EQ(run.status, 4) << run.output;
-    EXPECT_NE(run.output.find("pre-flight: /mnt/mmc/loop.adj:4: error: goto count '0' is read as 0"), std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("run FAILED (script mode, timed out after 1 s)"), std::string::npos) << run.output;
-    EXPECT_NE(Json().find("\"aborted\": true"), std::string::npos);
 }
 
 TEST_F(PmodeSimTest, OnlyTheLoadedPluginsServeAndTheRestIsReported)
 {
-    // A plug-in directory with the UI worker only: the pre-flight check names the
-    // commands no loaded worker serves, and the script is not run.
-    std::string plugins = root.Dir() + "/plugins";
-    fs::create_directories(plugins);
-    fs::copy_file(pmtool::BinaryDir() + "/tools/pmode-sim/plugins/pmplugin-ui.so", plugins + "/pmplugin-ui.so");
-    pmtool::Result run = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--plugins", plugins});
-    EXPECT_EQ(run.status, 1) << run.output;
-    EXPECT_NE(run.output.find("plug-ins: 1 loaded"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("workers: UI\n"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("pre-flight: /mnt/mmc/production.adj:22: error: no loaded worker serves 'lens init'"),
-              std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("run FAILED (script mode, not run: "), std::string::npos) << run.output;
-
-    // Forced, the camera passes the other commands over; the verdict stays FAILED.
-    pmtool::Result forced = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--plugins", plugins, "--force"});
-    EXPECT_EQ(forced.status, 1) << forced.output;
-    EXPECT_NE(forced.output.find("run FAILED (script mode, end of the script): 4 commands run, 4 passed, 0 failed"),
-              std::string::npos)
-        << forced.output;
-    EXPECT_NE(forced.output.find("not a pass: the pre-flight check found 26 errors in the script (run forced with --force)"),
-              std::string::npos)
-        << forced.output;
-}
-
-TEST_F(PmodeSimTest, ResumeStepOptionAndWifiCertificationCard)
-{
-    pmtool::Result fromStep3 = RunSim({"--card", pmtool::SourceDir() + "/examples/card", "--step", "3"});
-    EXPECT_EQ(fromStep3.status, 0) << fromStep3.output;
-    EXPECT_NE(fromStep3.output.find("from step 3 (label ADJ_03)"), std::string::npos) << fromStep3.output;
-    EXPECT_NE(fromStep3.output.find("[  1] CAP   line_process awb high 6500"), std::string::npos) << fromStep3.output;
-
-    // A script of at most 64 bytes holding "adj_wifi certification" is a Wi-Fi certification run.
-    std::string card = root.Dir() + "/wifi-card";
-    fs::create_directories(card);
-    pmtool::WriteAll(card + "/info.tg", "wifi.adj");
-    pmtool::WriteAll(card + "/wifi.adj", "adj_wifi certification 1\n");
-    fs::remove_all(root.Host("/mnt/mmc"));
-    pmtool::Result wifi = RunSim({"--card", card});
-    EXPECT_EQ(wifi.status, 0) << wifi.output;
-    EXPECT_NE(wifi.output.find("script mode: /mnt/mmc/wifi.adj (Wi-Fi certification)"), std::string::npos) << wifi.output;
-    EXPECT_NE(wifi.output.find("WIFI  adj_wifi certification 1"), std::string::npos);
-}
-
-TEST_F(PmodeSimTest, ReportEscapesWhatTheScriptWrites)
-{
-    std::string card = root.Dir() + "/card";
-    fs::create_directories(card);
-    pmtool::WriteAll(card + "/info.tg", "odd.adj");
-    pmtool::WriteAll(card + "/odd.adj", "label ADJ_00\nkey check a\"b\\c\tfail\n");
-    pmtool::Result run = RunSim({"--card", card, "--json", root.Dir() + "/report.json"});
-    EXPECT_EQ(run.status, 1) << run.output;
-    std::string json = Json();
-    EXPECT_NE(json.find("\"command\": \"key check a\\\"b\\\\c fail\""), std::string::npos) << json;
-    EXPECT_NE(json.find("failure provoked by the script (parameter \\\"fail\\\")"), std::string::npos) << json;
-}
-
-TEST_F(PmodeSimTest, BadUsageAndSetUpAreRefused)
-{
-    const std::string host = root.Dir() + "/host";
-    fs::create_directory_symlink("/", host);
-    // A later --root wins over the one RunSim gives.
-    const std::vector<std::string> refused[] = {
-        {"--frobnicate"}, {"--card"}, {"--step", "abc"}, {"--step", "4294967296"}, {"--step", "-1"}, {"--step", "3x"},
-        {"--timeout", "0"}, {"--timeout", "soon"}, {"--timeout", "nan"}, {"--serve-seconds", "-1"},
-        {"--root", "/"}, {"--root", "//"}, {"--root", "/."}, {"--root", host}, {"--root", host + "/tmp/.."},
-    };
-    for (const std::vector<std::string>& options : refused) {
-        SCOPED_TRACE(options.back());
-        pmtool::Result run = RunSim(options);
-        EXPECT_EQ(run.status, 2) << run.output;
-        if (options[0] == "--root") {
-            EXPECT_NE(run.output.find("refused: give --root DIR"), std::string::npos) << run.output;
-        }
-    }
-    pmtool::Result noCard = RunSim({"--card", root.Dir() + "/no-such-card"});
-    EXPECT_EQ(noCard.status, 2);
-    EXPECT_NE(noCard.output.find("no card directory"), std::string::npos) << noCard.output;
-    fs::create_directories(root.Dir() + "/empty-plugins");
-    pmtool::Result noWorkers = RunSim({"--plugins", root.Dir() + "/empty-plugins"});
-    EXPECT_EQ(noWorkers.status, 2);
-    EXPECT_NE(noWorkers.output.find("no worker registered by the plug-ins"), std::string::npos) << noWorkers.output;
-}
-
-/// Bytes no text file holds, the same on every run.
-std::string BinaryGarbage()
-{
-    std::string bytes;
-    uint32_t state = 12345;
-    for (int i = 0; i < 4096; ++i) {
-        state = state * 1103515245u + 12345u;
-        bytes += static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
-TEST_F(PmodeSimTest, BrokenProductionNeverPasses)
-{
-    struct Case {
-        const char* name;
-        std::string script; // the card's prod.adj; "DIR" makes it a directory
-        std::vector<std::string> options;
-        std::vector<std::string> expected; // lines of the output
-        int commandsRun;
-    };
-    const std::string broken = "label ADJ_00\nkey check a\ngoto NOWHERE 1\nkey check b\n";
-    const Case cases[] = {
-        {"binary garbage", BinaryGarbage(), {},
-         {"pre-flight: /mnt/mmc/prod.adj:1: error: binary data (byte 0x", "run FAILED (script mode, not run: "}, 0},
-        {"binary garbage, forced", BinaryGarbage(), {"--force"}, {"not a pass: no command was run"}, 0},
-        {"empty script", "", {}, {"run FAILED (script mode, end of the script)", "not a pass: no command was run"}, 0},
-        {"directory", "DIR", {},
-         {"pre-flight: /mnt/mmc/prod.adj: error: the script is a directory, not a file", "run FAILED (script mode, not run: "},
-         0},
-        {"pre-flight error", broken, {},
-         {"pre-flight: /mnt/mmc/prod.adj:3: error: goto to unknown label 'NOWHERE'",
-          "not a pass: the pre-flight check found 1 error in the script\n"},
-         0},
-        {"pre-flight error, forced", broken, {"--force"},
-         {"Assertion Failed! --- File lib/production-mode/src/CProductionScript.cpp",
-          "run FAILED (script mode, end of the script): 1 commands run, 1 passed, 0 failed",
-          "not a pass: the pre-flight check found 1 error in the script (run forced with --force)",
-          "not a pass: 1 failed check reported"},
-         1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string card = root.Dir() + "/card-" + std::to_string(&c - cases);
-        fs::create_directories(card);
-        pmtool::WriteAll(card + "/info.tg", "prod.adj");
-        if (c.script == "DIR") fs::create_directories(card + "/prod.adj/sub");
-        else pmtool::WriteAll(card + "/prod.adj", c.script);
-        fs::remove_all(root.Host("/mnt/mmc"));
-        std::vector<std::string> options = {"--card", card, "--json", root.Dir() + "/report.json"};
-        options.insert(options.end(), c.options.begin(), c.options.end());
-        pmtool::Result run = RunSim(options);
-        EXPECT_EQ(run.status, 1) << run.output;
-        for (const std::string& line : c.expected) EXPECT_NE(run.output.find(line), std::string::npos) << line << "\n" << run.output;
-        EXPECT_EQ(pmtool::CountLines(run.output, " PASS "), c.commandsRun) << run.output;
-        EXPECT_NE(Json().find("\"passed\": false"), std::string::npos) << Json();
-    }
+    fs::create_directories(root.Host("/plugins"));
+    fs::copy_file(std::getenv("PM_TEST_BINARY_DIR") + std::string("/tools/pmode-sim/plugins/pmplugin-ui.so"), root.Host("/plugins/pmplugin-ui.so"));
+    const std::string plugins = sim + example + "--plugins " + root.Host("/plugins");
+    ExpectRuns({{plugins, 1, {"plug-ins: 1 loaded", "workers: UI\n", "run FAILED (script mode, not run: ",
+                              "pre-flight: /mnt/mmc/production.adj:22: error: no loaded worker serves 'lens init'"}},
+                {plugins + " --force", 1, {"run FAILED (script mode, end of the script): 4 commands run, 4 passed, 0 failed",
+                                          "not a pass: the pre-flight check found 26 errors in the script (run forced with --force)"}}});
 }
 
 TEST_F(PmodeSimTest, NandTooSmallForTheCalibrationFailsTheRun)
 {
-    struct Case {
-        const char* name;
-        bool storeInPlace; // a run without the limit made the store first
-        const char* expected;
-    };
-    const Case cases[] = {
-        {"fresh NAND", false, "not a pass: the adjust data could not be initialised and saved on the NAND"},
-        {"store in place, the run's saves fail", true, " reported (\"Assertion Failed!\" above)"},
-    };
-    // Storing the serial number saves the adjust group.
-    const std::string card = root.Dir() + "/card";
-    fs::create_directories(card);
-    pmtool::WriteAll(card + "/info.tg", "nand.adj");
-    pmtool::WriteAll(card + "/nand.adj", "label ADJ_00\nline_process cis_data set 40718833\nkey check menu\n");
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string device = root.Dir() + "/device-" + std::to_string(&c - cases);
-        const std::vector<std::string> options = {"--root", device, "--card", card};
-        if (c.storeInPlace) {
-            ASSERT_EQ(RunSim(options).status, 0);
-        }
-        pmtool::Result run;
-        {
-            FileSizeLimit nand(1 << 20); // the adjust group needs 5.3 MB
-            run = RunSim(options);
-        }
-        EXPECT_EQ(run.status, 1) << run.output;
-        EXPECT_NE(run.output.find("run FAILED (script mode, "), std::string::npos) << run.output;
-        EXPECT_NE(run.output.find(c.expected), std::string::npos) << run.output;
+    // Storing the serial number saves the adjust group (5.3 MB).
+    root.WriteFile("/card/info.tg", "nand.adj");
+    root.WriteFile("/card/nand.adj", "label ADJ_00\nline_process cis_data set 40718833\nkey check menu\n");
+    const std::string run = sim + "--card " + root.Host("/card") + " --root " + root.Host("/device");
+    for (bool storeInPlace : {false, true}) { // in place: made by a run without the limit
+        SCOPED_TRACE(storeInPlace ? "store in place, the run's saves fail" : "fresh NAND");
+        fs::remove_all(root.Host("/device"));
+        if (storeInPlace) ExpectRuns({{run, 0, {}}});
+        FileSizeLimit nand(1 << 20);
+        ExpectRuns({{run, 1, {"run FAILED (script mode, ", storeInPlace ? " reported (\"Assertion Failed!\" above)"
+                                  : "not a pass: the adjust data could not be initialised and saved on the NAND"}}});
     }
 }
 
-} // namespace
+class PmodePcTest : public ::testing::Test {
+protected:
+    void TearDown() override { if (server != nullptr) StopServer(SIGKILL); } // still serving after a failed test
+
+    void StartServer()
+    {
+        const std::string serve = "exec pmode-sim --root " + root.Dir() + " --card " + pmtool::Source("examples/card") +
+                                  " --host-link --serve-seconds 60 --json " + root.Host("/report.json");
+        server = popen(("echo $$; " + pmtool::kToolsFirst + serve + " >" + root.Host("/server.txt") + " 2>&1").c_str(), "r");
+        ASSERT_NE(server, nullptr);
+        ASSERT_EQ(fscanf(server, "%d", &serverPid), 1);
+    }
+
+    /// Stops the server (SIGINT, as a person would); its status, output and report.
+    pmtool::Result StopServer(int signal = SIGINT)
+    {
+        kill(serverPid, signal);
+        const int status = pclose(server);
+        server = nullptr;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, root.ReadFile("/server.txt") + root.ReadFile("/report.json")};
+    }
+
+    TestRoot root; // PMODE_ROOT of the tools
+    FILE* server = nullptr;
+    pid_t serverPid = -1;
+    const std::string pc = "pmode-pc --timeout 15 --wait 20 ";
+};
+
+TEST_F(PmodePcTest, ExampleSessionPassesTheCameraReportsEveryRequestAndLineValue139StartsTheHostLink)
+{
+    StartServer();
+    ExpectRuns({{pc + "batch " + pmtool::Source("examples/pc/session.batch"), 0,
+                 {"20 requests, 20 passed, 0 failed", "BATCH PASSED", "-> response 0x10000000 0x0 0x0: done",
+                  "-> response 0x10000002 0x0 0x0: adjustment passed", "-> response 0x10000002 0x1 0x0: FAILED  [PASS (failure expected)",
+                  "-> response 0x10020002 0x0 0x0: sensor data taken", "-> response 0x10000002 0x10003 0x0: clock set",
+                  "| CIS S/N 40718833", "-> file /mnt/mmc/cis_data.txt (61 bytes)", "| Index,CIS S/N,PART,PRESS,RELEASE,LATENCY_MS"}}});
+    EXPECT_EQ(root.ReadFile("/mnt/mmc/pc_recorded.adj"), "lens focus_check 1\nshutter measure 1/4000\n");
+    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by a signal): 18 commands run, 17 passed, 1 failed",
+                                 "CAP   shutter shutter_speed2 1 (op 30 1 0 0)", "\"mode\": \"host-link\"",
+                                 "\"command\": \"lens focus_check 3 fail\"", "\"protocol\": true, \"args\": [30, 1, 0, 0]"}}, StopServer());
+    // Line value 139 starts the host link without info.tgw; the camera ends by itself after its serving time.
+    int32_t one = 1;
+    ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &one, 4, true));
+    fs::create_directories(root.Host("/empty-card"));
+    ExpectRuns({{"pmode-sim --root " + root.Dir() + " --card " + root.Host("/empty-card") + " --serve-seconds 1", 0,
+                 {"run PASSED (host-link mode, served 1 s): 0 commands run"}}});
+}
+
+TEST_F(PmodePcTest, FailuresBadRequestsAndSlowAnswersFailOnThePc)
+{
+    const std::string bad = root.Host("/bad.batch"), failing = root.Host("/failing.batch");
+    root.WriteFile("/bad.batch", "line lens init 1\nsend lens init 1\nop 0 1 2\nop 0x10021000 1 2 3 4 5\nop 0x10021000 size payload=x.bin\n");
+    root.WriteFile("/failing.batch", "# a failure nobody expected\nline lens init 1 fail\nline lens init 1\n");
+    ExpectRuns({{"pmode-pc --wait 0.3 line lens init 1", 3, {"no camera serves the host link"}}, {pc + "line", 2, {}}, {pc + "op 12x", 2, {}},
+                {pc + "batch " + bad, 2, {bad + ":2: error: unknown request 'send'", bad + ":3: error: an operation needs a code other than 0",
+                                          bad + ":4: error: more than four arguments", bad + ":5: error: cannot read the payload file"}}});
+    StartServer();
+    ExpectRuns({{pc + "batch " + failing, 1, {"2 requests, 1 passed, 1 failed", "failed: " + failing + ":2: line lens init 1 fail", "BATCH FAILED"}},
+                {pc + "line lens focus_check 1", 0, {"adjustment passed"}},
+                {pc + "op 0x10021001 0 0 0 0", 1, {}}}); // no worker for a protocol operation after a LENS line
+    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by a signal)"}}, StopServer());
+    StartServer();
+    ExpectRuns({{"pmode-pc --wait 20 --timeout 0.3 line delay 1500 ms", 1, {"-> no answer within 300 ms  [FAIL]"}}});
+    pmtool::Check({"camera, which finishes the late command all the same and stops cleanly", 0, {"DD    delay 1500 ms"}}, StopServer());
+}
+
+TEST_F(PmodePcTest, ToolsRefuseBadUsageTheHostRootAndNoRoot)
+{
+    fs::create_directory_symlink("/", root.Host("/host"));
+    fs::create_directories(root.Host("/empty-plugins"));
+    const std::string toHost = "resolves to the host's own \"/\"", missing = root.Host("/missing"), dump = root.Host("/x.dump");
+    const std::string sim = "pmode-sim --root " + root.Dir() + " ";
+    std::vector<pmtool::Expected> runs = {{sim + "--card " + root.Host("/no-such-card"), 2, {"no card directory"}},
+                                          {sim + "--plugins " + root.Host("/empty-plugins"), 2, {"no worker registered by the plug-ins"}}};
+    for (const char* usage : {"--frobnicate", "--card", "--step abc", "--step 4294967296", "--step -1", "--step 3x", "--timeout 0",
+                              "--timeout soon", "--timeout nan", "--serve-seconds -1"})
+        runs.push_back({sim + usage, 2, {"usage: pmode-sim"}});
+    for (const char* usage : {"", "--max 0 x", "--max 4294967296 x", "--max 1000001 x", "--max abc x", "--max 5x x", "--max -3 x"})
+        runs.push_back({std::string("pmode-sim check ") + usage, 2, {"usage: pmode-sim check"}});
+    runs.push_back({"pmode-sim check " + missing, 1, {": error: cannot open the script"}});
+    for (const auto& [before, option, message] : std::vector<std::tuple<std::string, std::string, std::string>>{
+             {"env -u PMODE_ROOT ", "", "no device root"}, {"env PMODE_ROOT=/ ", "", toHost}, {"", "--root /", toHost},
+             {"", "--root //", toHost}, {"", "--root /.", toHost}, {"", "--root " + root.Host("/host"), toHost},
+             {"", "--root " + root.Host("/host/tmp/.."), toHost}, {"", "--root " + missing, "is not a directory"}}) {
+        for (const std::string& work : {"pmode-kv " + option + " set pmode_test/key 1", "adjtool " + option + " dump " + dump,
+                                        "pmode-pc " + option + " --wait 0 line lens init 1"})
+            runs.push_back({before + work, 2, {message, "give --root DIR or set PMODE_ROOT=DIR"}});
+        if (before.empty() && message == toHost) // without a root, or a missing one, pmode-sim makes its own
+            runs.push_back({"pmode-sim " + option, 2, {toHost, "refused: give --root DIR"}});
+    }
+    ExpectRuns(runs);
+    EXPECT_FALSE(fs::exists(missing));
+    EXPECT_FALSE(fs::exists(dump));
+}
+
+TEST(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndTheResolvedRunStopsWhereTheCameraStops)
+{
+    TestRoot root;
+    const std::string path = root.Host("/script.adj");
+    const std::string warnings = "label ADJ_00\nkey\tcheck\tmenu\nstep_end\nlabel L\nkey check menu\ngoto L 2x\nlabel ADJ_1\nkey check b\n"
+                                 "label M\ngoto M 2\nkey check 1 2 3 4 5 6 7 8 9 10 11\nmenu_setup check " + std::string(49, 'w') + "\n";
+    const std::string errors = "label ADJ_00\nkey check menu\n" + std::string(50, 'k') + " check 1\nkey check " + std::string(50, 'a') +
+                               " x\nfocus check 1\nstrobe flash_write 1\nline_process nosuch 1\nlabel L\nkey check menu\ngoto L\ngoto L 0\n"
+                               "goto L -2\ngoto L twice\ngoto M 1\nlabel OUT\nkey check a\nlabel IN\nkey check b\ngoto IN 2\ngoto OUT 1\n"
+                               "label L\nlabel \n#note check 1\nkey check " + std::string(40, 'x') + " " + std::string(479, 'x') +
+                               "\nlabel ADJ_02\nkey check c\nlabel END";
+    const std::tuple<std::string, std::string, int, std::vector<std::string>> cases[] = { // script, options, status, output
+        {warnings, "", 0, {"script:2: warning: words separated only by tabs", "script:3: warning: 'step_end' alone on a line",
+                           "script:6: warning: goto count '2x' is read as 2", "script:11: warning: 13 words", "script: 0 errors, 6 warnings",
+                           "script:7: warning: label 'ADJ_1' is never a resume point (step 1 resumes at 'ADJ_01')",
+                           "script:10: warning: goto right after a label line"}},
+        {errors, "", 1, {"script:3: error: first word is 50 bytes (at most 49)", "script:5: error: no worker group serves 'focus'",
+                         "script:4: error: word 3 ('aaaaaaaaaaaaaaaaaaaa...') is 50 bytes", "script:10: error: goto 'L' without a count",
+                         "script:6: error: no worker group serves 'strobe' ('strobe' is a sub-command: line_process strobe ...?)",
+                         "script:7: error: no worker group serves 'line_process nosuch': sub-command 'nosuch' is in no group",
+                         "script:11: error: goto count '0' is read as 0: the loop never ends", "script:22: error: label without a name",
+                         "script:12: error: goto count '-2' is read as -2", "script:13: error: goto count 'twice' is read as 0",
+                         "script:14: error: goto to unknown label 'M'", "script:25: error: resume label 'ADJ_01' is missing",
+                         "script:19: error: counted loop 'IN' lies inside the loop of line 20", "(comments start with //)",
+                         "script:21: error: label 'L' defined twice (first on line 8)", "not resolved: fix the label and goto errors first",
+                         "script:24: warning: line of 530 bytes: the reader sees only the first 509",
+                         "script:27: error: label 'END' on the last line without a newline"}},
+        {std::string("key check a\nkey check b\0key check c\n", 36), "", 1,
+         {"script:2: error: binary data (byte 0x00 at offset 23): not a text file; the reader sees nothing after a NUL byte"}},
+        {"label ADJ_01\nkey check a\n", "", 1, {"script:1: error: resume label 'ADJ_00' is missing"}},
+        {"label ADJ_00\nlens init 1\nlabel P\nshutter measure 1/4000\ngoto P 2\nline_process awb high 5500\nunknown_cmd x\ndelay 10 ms\n", "", 1,
+         {"    1  LENS     lens init 1\n    2  CAP      shutter measure 1/4000\n    3  CAP      shutter measure 1/4000\n"
+          "    4  CAP      shutter measure 1/4000\n    5  CAP      line_process awb high 5500\n"
+          "    6  -        unknown_cmd x   (passed over: no worker)\n    7  DD       delay 10 ms\n       (end of the script)\n"}},
+        {"lens init 1\nlens \nkey check menu\n", "", 1, {"script:2: error: command 'lens' has no parameter: the run ends here",
+                                                         "    1  LENS     lens init 1\n       ('lens' has no parameter: the run ends there)\n"}},
+        {"label L\nkey check a\ngoto L 0\n", "--max 7", 1, {"    7  UI       key check a\n       (stopped after 7 commands"}}};
+    for (const auto& [script, options, status, expected] : cases) {
+        root.WriteFile("/script.adj", script);
+        pmtool::Result result = pmtool::Run("pmode-sim check " + options + " " + path);
+        for (size_t at; (at = result.output.find(path)) != std::string::npos;) result.output.replace(at, path.size(), "script");
+        pmtool::Check({expected.front(), status, expected}, result);
+    }
+}

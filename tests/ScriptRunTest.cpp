@@ -1,255 +1,130 @@
-// Script-mode runs from a simulated memory card, driven through the public API
-// as the host application drives them: Initialize, Start, Finalize.
-#include "ProductionMode.h"
+// Script-mode runs from a simulated memory card, driven through the public API as the
+// host application drives them: Initialize, Start, Finalize.
 #include "ControllerTestKit.h"
-#include "CAdjustDataManager.h"
-#include "PMReport.h"
-#include "TestRoot.h"
 #include "pref_sim.h"
-#include "vconf.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <functional>
-#include <future>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
-using namespace std::chrono_literals;
-
 using namespace controller_test;
 
-class ScriptRunTest : public ::testing::Test {
+class ScriptRunTest : public ControllerTest {
 protected:
-    void SetUp() override
+    void PutScript(const std::string& text)
     {
-        startLog();
-        mode = CProductionMode::GetInstance();
+        root.WriteFile("/mnt/mmc/info.tg", "run.adj");
+        root.WriteFile("/mnt/mmc/run.adj", text);
     }
-    void TearDown() override { pm::SetTraceSink(nullptr); }
-
-    void PutScript(const std::string& name, const std::string& text)
-    {
-        root.WriteFile("/mnt/mmc/info.tg", name);
-        root.WriteFile("/mnt/mmc/" + name, text);
-    }
-
-    /// Starts a run and waits until it has ended (operation type back to 0 after
-    /// the thread body ran), then finalizes. False when the run did not end.
-    bool RunToEnd(std::chrono::milliseconds limit = 5s)
+    void Start()
     {
         mode->Initialize();
-        if (!mode->Start()) return false;
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        // The body is over once the thread can be joined; Finalize joins it, so
-        // wait for the loop to leave its type first and give it the time to get there.
-        bool ended = false;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (!mode->IsActive() && bodyFinished()) {
-                ended = true;
-                break;
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        mode->Finalize();
-        return ended;
+        ASSERT_TRUE(mode->Start());
     }
-
-    /// The last command of every script here is "delay end 1" (worker DD), so the
-    /// run is over when it was called, or when CMD FAIL was traced.
-    bool bodyFinished()
-    {
-        const std::vector<std::string> made = calls();
-        return std::find(made.begin(), made.end(), "DD: delay end 1") != made.end() || traced("CMD FAIL");
-    }
-
-    TestRoot root;
-    CProductionMode* mode = nullptr;
 };
 
-TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderWithGotoLoopsAndUnknownCommandsPassedOver)
+TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderUntilTheScriptEndsOrACommandFails)
 {
-    std::vector<int> typesSeen;
-    addWorker("LENS", [&](_tPM_Command*) {
-        typesSeen.push_back(mode->GetOperationType());
+    addWorkers({"LENS", "CAP", "UI", "DD"}, [this](_tPM_Command&) {
+        EXPECT_EQ(OP_TYPE_SCRIPT, mode->GetOperationType());
         return 0;
     });
-    addWorker("CAP");
-    addWorker("UI");
-    addWorker("DD");
-    // info.tg ends with a newline: the script path is cut after ".adj".
-    root.WriteFile("/mnt/mmc/info.tg", "run.adj\n");
-    root.WriteFile("/mnt/mmc/run.adj", "// lens and shutter check\n"
-                                       "label ADJ_00\n"
-                                       "lens init 1\n"
-                                       "label LOOP1\n"
-                                       "shutter speed 1 2\n"
-                                       "goto LOOP1 2\n"
-                                       "no_such_command x 1\n"
-                                       "line_process strobe flash_write\n"
-                                       "key press 1\n"
-                                       "delay end 1\n");
-    ASSERT_TRUE(RunToEnd());
-
-    const std::vector<std::string> expected = {
-        "LENS: lens init 1",      "CAP: shutter speed 1 2", "CAP: shutter speed 1 2",
-        "CAP: shutter speed 1 2", "CAP: line_process strobe flash_write",
-        "UI: key press 1",        "DD: delay end 1",
-    };
-    EXPECT_EQ(expected, calls());
-    EXPECT_EQ(std::vector<int>{OP_TYPE_SCRIPT}, typesSeen) << "IsActive during the run";
-    EXPECT_FALSE(mode->IsActive());
-    EXPECT_FALSE(traced("CMD FAIL"));
-    // The script ran, so the host channel was never subscribed.
-    EXPECT_EQ(nullptr, vconf_get_str("memory/private/pmode"));
-}
-
-TEST_F(ScriptRunTest, AFailingCommandStopsTheRunAndShowsCmdFail)
-{
-    addWorker("UI", [](_tPM_Command* command) { return std::string(command->szParam[1]) == "2" ? -1 : 0; });
-    addWorker("DD");
-    PutScript("fail.adj", "key press 1\nkey press 2\nkey press 3\ndelay end 1\n");
-    ASSERT_TRUE(RunToEnd());
-
-    EXPECT_EQ((std::vector<std::string>{"UI: key press 1", "UI: key press 2"}), calls());
-    EXPECT_TRUE(traced("CMD FAIL: key, press, 2"));
-    EXPECT_FALSE(mode->IsActive());
-}
-
-TEST_F(ScriptRunTest, ResumesAtTheLabelOfTheRecordedStep)
-{
-    addWorker("UI");
-    addWorker("DD");
-    const std::string script = "key step 0\n"
-                               "label ADJ_03\n"
-                               "key step 3\n"
-                               "label ADJ_12\n"
-                               "key step 12\n"
-                               "delay end 1\n";
+    root.WriteFile("/mnt/mmc/info.tgw", ""); // host-link mode is enabled as well: the script wins
+    const std::string steps = "key step 0\nlabel ADJ_03\nkey step 3\nlabel ADJ_12\nkey step 12\ndelay end 1\n";
     struct Case {
-        int step;
+        const char* name;
+        const char* info; // info.tg: a newline cuts the path after ".adj"
+        const char* file;
+        std::string script;
+        int step; // the recorded step to resume at, -1: none recorded
         std::vector<std::string> calls;
     } cases[] = {
-        {3, {"UI: key step 3", "UI: key step 12", "DD: delay end 1"}},
-        {12, {"UI: key step 12", "DD: delay end 1"}},
-        // No label ADJ_07: the run starts at the first command line.
-        {7, {"UI: key step 0", "UI: key step 3", "UI: key step 12", "DD: delay end 1"}},
+        {"goto loop, comment, unknown command", "run.adj\n", "run.adj",
+         "// check\nlabel ADJ_00\nlens init 1\nlabel LOOP1\nshutter speed 1 2\ngoto LOOP1 2\nno_such_command x 1\n"
+         "line_process strobe flash_write\nkey press 1\ndelay end 1\n", -1,
+         {"LENS: lens init 1", "CAP: shutter speed 1 2", "CAP: shutter speed 1 2", "CAP: shutter speed 1 2",
+          "CAP: line_process strobe flash_write", "UI: key press 1", "DD: delay end 1"}},
+        {"failing command", "run.adj", "run.adj", "key press 1\nkey fail 2\nkey press 3\ndelay end 1\n", -1,
+         {"UI: key press 1", "UI: key fail 2"}},
+        {"resume at step 3", "run.adj", "run.adj", steps, 3, {"UI: key step 3", "UI: key step 12", "DD: delay end 1"}},
+        {"resume at step 12", "run.adj", "run.adj", steps, 12, {"UI: key step 12", "DD: delay end 1"}},
+        {"no label for step 7", "run.adj", "run.adj", steps, 7,
+         {"UI: key step 0", "UI: key step 3", "UI: key step 12", "DD: delay end 1"}},
+        {"default.adj instead of the named one", "run.adj", "default.adj", "key default 1\ndelay end 1\n", -1,
+         {"UI: key default 1", "DD: delay end 1"}},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE("step " + std::to_string(c.step));
-        takeCalls();
+        SCOPED_TRACE(c.name);
+        startLog();
         int step = c.step;
-        ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(135, &step, sizeof step, true));
-        PutScript("resume.adj", script);
-        ASSERT_TRUE(RunToEnd());
+        ASSERT_TRUE(step < 0 || CAdjustDataManager::GetInstance()->SetData(135, &step, sizeof step, true));
+        root.WriteFile("/mnt/mmc/info.tg", c.info);
+        root.WriteFile(std::string("/mnt/mmc/") + c.file, c.script);
+        Start();
+        for (int tries = 0; tries < 1000 && (mode->IsActive() || calls() != c.calls); ++tries) {
+            std::this_thread::sleep_for(5ms); // until the run has left script mode after its last command
+        }
+        Finalize();
+        const bool fails = c.calls.back() == "UI: key fail 2";
         EXPECT_EQ(c.calls, calls());
+        EXPECT_EQ(fails, traced("CMD FAIL: key, fail, 2"));
+        EXPECT_EQ(fails, traced("CMD FAIL"));
     }
-}
-
-TEST_F(ScriptRunTest, DefaultScriptRunsInsteadOfTheNamedOne)
-{
-    addWorker("UI");
-    addWorker("DD");
-    root.WriteFile("/mnt/mmc/info.tg", "named.adj");
-    root.WriteFile("/mnt/mmc/named.adj", "key named 1\ndelay end 1\n");
-    root.WriteFile("/mnt/mmc/default.adj", "key default 1\ndelay end 1\n");
-    // Host-link mode is enabled as well: the script wins.
-    root.WriteFile("/mnt/mmc/info.tgw", "");
-    ASSERT_TRUE(RunToEnd());
-    EXPECT_EQ((std::vector<std::string>{"UI: key default 1", "DD: delay end 1"}), calls());
-    EXPECT_EQ(nullptr, vconf_get_str("memory/private/pmode"));
+    EXPECT_EQ(nullptr, vconf_get_str(kScriptKey)) << "the host channel was never subscribed";
 }
 
 TEST_F(ScriptRunTest, EmptyScriptsAndParameterlessCommandsEndTheRunWithoutCallingAWorker)
 {
-    addWorker("UI");
-    addWorker("DD");
+    addWorkers({"UI", "DD"});
     // A name followed by a space has no parameters: it reads as the end of the script.
-    const char* scripts[] = {"", "key \nkey press 1\n", "// only a comment\n"};
-    for (const char* text : scripts) {
+    for (const char* text : {"", "key \nkey press 1\n", "// only a comment\n"}) {
         SCOPED_TRACE(std::string("script \"") + text + "\"");
-        PutScript("short.adj", text);
-        mode->Initialize();
-        ASSERT_TRUE(mode->Start());
-        // Time for the run to reach the commands after the parameterless one, were it to go on.
-        std::this_thread::sleep_for(300ms);
-        auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
-        ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
+        PutScript(text);
+        Start();
+        std::this_thread::sleep_for(300ms); // time to reach the later commands, were the run to go on
+        Finalize();
         EXPECT_TRUE(calls().empty());
-        EXPECT_FALSE(mode->IsActive());
     }
 }
 
 TEST_F(ScriptRunTest, FinalizeDuringARunLetsTheRunningCommandFinishAndRunsNoOther)
 {
-    std::mutex gate;
-    std::condition_variable opened;
-    bool open = false;
-    bool entered = false;
-    addWorker("UI", [&](_tPM_Command*) {
-        std::unique_lock<std::mutex> lock(gate);
-        entered = true;
-        opened.notify_all();
-        opened.wait(lock, [&] { return open; });
+    std::promise<void> entered, release;
+    std::shared_future<void> released = release.get_future().share();
+    addWorkers({"UI"}, [&](_tPM_Command&) {
+        entered.set_value();
+        released.wait();
         return 0;
     });
-    addWorker("DD");
-    PutScript("long.adj", "key hold 1\nkey after 1\ndelay end 1\n");
-    mode->Initialize();
-    ASSERT_TRUE(mode->Start());
-    {
-        std::unique_lock<std::mutex> lock(gate);
-        ASSERT_TRUE(opened.wait_for(lock, 5s, [&] { return entered; }));
-    }
-    EXPECT_TRUE(mode->IsActive());
+    addWorkers({"DD"});
+    PutScript("key hold 1\nkey after 1\ndelay end 1\n");
+    Start();
+    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(5s));
     EXPECT_EQ(OP_TYPE_SCRIPT, mode->GetOperationType());
-
     auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
     EXPECT_EQ(std::future_status::timeout, done.wait_for(100ms)) << "Finalize waits for the running command";
-    {
-        std::lock_guard<std::mutex> lock(gate);
-        open = true;
-    }
-    opened.notify_all();
+    release.set_value();
     ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
     EXPECT_EQ(std::vector<std::string>{"UI: key hold 1"}, calls());
     EXPECT_FALSE(mode->IsActive());
 }
 
-TEST_F(ScriptRunTest, AdjustResultOfAScriptRunIsStoredButNotAnswered)
+TEST_F(ScriptRunTest, AdjustResultIsKeptInTheLineDataButNotAnsweredOutsideTheHostLink)
 {
-    IPModeWorker* ui = addWorker("UI");
-    addWorker("DD");
-    ASSERT_EQ(PM_RESULT_NONE, ui->GetAdjResult());
-    PutScript("result.adj", "key press 1\ndelay end 1\n");
-    ASSERT_TRUE(RunToEnd());
-
-    ui->SetAdjResult(PM_RESULT_PASS, true);
-    EXPECT_EQ(PM_RESULT_PASS, ui->GetAdjResult());
+    TestWorker ui("UI", nullptr);
     int stored = 0;
-    ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
-    EXPECT_EQ(PM_RESULT_PASS, stored);
+    for (EPMResult result : {PM_RESULT_PASS, PM_RESULT_FAIL}) {
+        ui.SetAdjResult(result, true);
+        ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
+        EXPECT_EQ(result, stored);
+    }
     EXPECT_EQ(static_cast<uint32_t>(PTP_TRANSFER_NONE), CPTPAdjInterface::GetInstance()->GetTransferDataType());
-
-    ui->SetAdjResult(PM_RESULT_FAIL, false);
-    ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
-    EXPECT_EQ(PM_RESULT_FAIL, stored);
-    EXPECT_EQ(PM_RESULT_FAIL, ui->GetAdjResult());
-
     // Line data that cannot take the result: a failed check; the worker keeps it all the same.
     pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
     const unsigned long checks = pm::AssertionCount();
-    ui->SetAdjResult(PM_RESULT_PASS, true);
+    ui.SetAdjResult(PM_RESULT_PASS, true);
     EXPECT_EQ(checks + 1, pm::AssertionCount());
-    EXPECT_EQ(PM_RESULT_PASS, ui->GetAdjResult());
+    EXPECT_EQ(PM_RESULT_PASS, ui.GetAdjResult());
     ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
     EXPECT_EQ(PM_RESULT_FAIL, stored);
 }

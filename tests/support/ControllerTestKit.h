@@ -1,0 +1,172 @@
+#pragma once
+// Shared pieces of the controller's end-to-end tests: workers that log the commands they
+// get, a capture of the traces and of the answers written to the host link's keys, and the
+// fixture. The controller's and the store's threads write the log, the test reads it.
+
+#include "PMReport.h"
+#include "ProductionMode.h"
+#include "TestRoot.h"
+#include "vconf.h"
+#include "vconf_sim.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace controller_test {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kScriptKey = "memory/private/pmode";
+constexpr const char* kProtocolKeys[5] = {"memory/private/pmode_protocol1", "memory/private/pmode_protocol2",
+    "memory/private/pmode_protocol3", "memory/private/pmode_protocol4", "memory/private/pmode_protocol5"};
+constexpr const char* kAnswerKeys[5] = {"memory/private/pmode_Param1", "memory/private/pmode_Param2",
+    "memory/private/pmode_Param3", "memory/private/pmode_stream", "memory/private/pmode_file"};
+constexpr const char* kPayload = "/var/run/memory/private/pmode_shutter_data";
+
+struct Log {
+    std::mutex mutex;
+    std::condition_variable changed;  ///< notified with every entry
+    std::vector<std::string> calls;   ///< "<worker>: <describe()>", in the order of Execute
+    std::vector<std::string> traces;  ///< every trace composed while captured
+    std::vector<std::string> answers; ///< "<key suffix>=<value>" per set of an answer key, integers in hex
+};
+
+inline Log& log()
+{
+    static Log instance;
+    return instance;
+}
+
+inline void record(std::vector<std::string> Log::*list, std::string entry)
+{
+    {
+        std::lock_guard<std::mutex> lock(log().mutex);
+        (log().*list).push_back(std::move(entry));
+    }
+    log().changed.notify_all();
+}
+
+/// A copy of one of the log's lists; with `take` the list starts empty again.
+inline std::vector<std::string> listed(std::vector<std::string> Log::*list, bool take = false)
+{
+    std::lock_guard<std::mutex> lock(log().mutex);
+    return take ? std::exchange(log().*list, {}) : log().*list;
+}
+
+inline std::vector<std::string> calls() { return listed(&Log::calls); }
+inline std::vector<std::string> takeCalls() { return listed(&Log::calls, true); }
+
+/// "name p0 p1 ...", then " | nArg0 nArg1 nArg2 nArg3" when an argument or data is set,
+/// then " | <first 7 data bytes>" when data is set.
+inline std::string describe(const _tPM_Command& command)
+{
+    std::string text = command.szWorker;
+    for (int i = 0; i < command.nParamCount; ++i) text += std::string(" ") + command.szParam[i];
+    if (command.nArg[0] || command.nArg[1] || command.nArg[2] || command.nArg[3] || command.pData) {
+        text += " |";
+        for (uint32_t arg : command.nArg) text += " " + std::to_string(arg);
+        if (command.pData != nullptr) text += " | " + std::string(command.pData, 7);
+    }
+    return text;
+}
+
+/// A worker registered under a group name: logs every command, fails (-1) when the first
+/// parameter is "fail", else answers with its action's result (0 without one).
+class TestWorker : public IPModeWorker {
+public:
+    using Action = std::function<int(_tPM_Command&)>;
+    TestWorker(const char* group, Action action) : action(std::move(action)) { pszName = group; }
+
+    int Execute(_tPM_Command* command) override
+    {
+        record(&Log::calls, std::string(pszName) + ": " + describe(*command));
+        if (std::string(command->szParam[0]) == "fail") return -1;
+        return action ? action(*command) : 0;
+    }
+
+private:
+    Action action;
+};
+
+/// Registers one worker per group (the registry deletes them at exit).
+inline void addWorkers(std::initializer_list<const char*> groups, const TestWorker::Action& action = nullptr)
+{
+    for (const char* group : groups) CWorkerFactory::GetInstance()->AddWorker(new TestWorker(group, action));
+}
+
+inline void recordAnswer(keynode_t* node, void*)
+{
+    const std::string name = vconf_keynode_get_name(node);
+    char value[32];
+    std::snprintf(value, sizeof value, "%x", static_cast<unsigned>(vconf_keynode_get_int(node)));
+    const char* text = vconf_keynode_get_type(node) == VCONF_TYPE_INT ? value : vconf_keynode_get_str(node);
+    record(&Log::answers, name.substr(name.rfind('_') + 1) + "=" + (text != nullptr ? text : ""));
+}
+
+/// The answer sets delivered so far, joined by " " ("Param3=0 Param2=1 Param1=10000002"). With
+/// `whole` it first waits (5 s at most) for the set that completes an answer: Param1, stream or file.
+inline std::string takeAnswers(bool whole = false)
+{
+    if (!whole) vconf_sim_wait_idle(10000);
+    std::unique_lock<std::mutex> lock(log().mutex);
+    log().changed.wait_for(lock, whole ? 5s : 0s, [] {
+        const std::string last = log().answers.empty() ? "Param2=" : log().answers.back();
+        return last.rfind("Param2=", 0) != 0 && last.rfind("Param3=", 0) != 0;
+    });
+    std::string joined;
+    for (const std::string& answer : std::exchange(log().answers, {})) joined += (joined.empty() ? "" : " ") + answer;
+    return joined;
+}
+
+/// Whether a trace containing `part` has been composed, waiting for one up to `wait`.
+inline bool traced(const std::string& part, std::chrono::milliseconds wait = 0ms)
+{
+    std::unique_lock<std::mutex> lock(log().mutex);
+    return log().changed.wait_for(lock, wait, [&] {
+        return std::any_of(log().traces.begin(), log().traces.end(),
+                           [&](const std::string& trace) { return trace.find(part) != std::string::npos; });
+    });
+}
+
+/// Empties the log and captures the traces.
+inline void startLog()
+{
+    for (auto list : {&Log::calls, &Log::traces, &Log::answers}) listed(list, true);
+    pm::SetTraceSink([](const char* text) { record(&Log::traces, text); });
+}
+
+/// A fresh device root, an empty log, the traces and the answers captured.
+class ControllerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        startLog();
+        for (const char* key : kAnswerKeys) vconf_notify_key_changed(key, &recordAnswer, nullptr);
+    }
+    void TearDown() override
+    {
+        for (const char* key : kAnswerKeys) vconf_ignore_key_changed(key, &recordAnswer);
+        vconf_sim_wait_idle(10000);
+        pm::SetTraceSink(nullptr);
+    }
+
+    /// Finalize, which must return although the loop may wait for a message.
+    void Finalize()
+    {
+        auto done = std::async(std::launch::async, [this] { mode->Finalize(); });
+        ASSERT_EQ(std::future_status::ready, done.wait_for(5s)) << "Finalize did not return";
+        EXPECT_FALSE(mode->IsActive());
+    }
+
+    TestRoot root;
+    CProductionMode* mode = CProductionMode::GetInstance();
+};
+
+} // namespace controller_test
