@@ -261,6 +261,10 @@ TEST(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndTheResolvedRunStopsWhereTheC
                          "script:27: error: label 'END' on the last line without a newline"}},
         {std::string("key check a\nkey check b\0key check c\n", 36), "", 1,
          {"script:2: error: binary data (byte 0x00 at offset 23): not a text file; the reader sees nothing after a NUL byte"}},
+        {"key check a\nkey check \x01\n", "", 1, {"script:2: error: binary data (byte 0x01 at offset 22)"}},
+        {"", "", 0, {"the script is empty: nothing runs"}},
+        {"// comment\r\n\r\n   \r\n/x//y also a comment\r\nlabel ADJ_00\r\nkey check menu\r\n", "", 0,
+         {"script: 0 errors, 0 warnings, 1 command in the resolved run"}},
         {"label ADJ_01\nkey check a\n", "", 1, {"script:1: error: resume label 'ADJ_00' is missing"}},
         {"label ADJ_00\nlens init 1\nlabel P\nshutter measure 1/4000\ngoto P 2\nline_process awb high 5500\nunknown_cmd x\ndelay 10 ms\n", "", 1,
          {"    1  LENS     lens init 1\n    2  CAP      shutter measure 1/4000\n    3  CAP      shutter measure 1/4000\n"
