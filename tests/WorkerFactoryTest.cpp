@@ -79,9 +79,8 @@ TEST(WorkerFactoryTest, CommandsAndPendingSubCommandsReachTheWorkerOfTheirGroup)
         {"shutter ", nullptr, "null"}, {"", "strobe", "null"}, {"menu_setup5", nullptr, "null"},
         {nullptr, "strobe", "null"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.worker, route(c.command, c.sub)) << (c.command ? c.command : "null") << " " << (c.sub ? c.sub : "null");
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(c.worker, route(c.command, c.sub)) << (c.command ? c.command : "-") << " " << (c.sub ? c.sub : "-");
     factory->SubtractWorker(workers[7].get());
     EXPECT_EQ("null", route("capture", nullptr)) << "no worker named PENDING";
     EXPECT_EQ("null", route("line_process", "no_such_step"));
