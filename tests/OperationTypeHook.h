@@ -1,10 +1,7 @@
 #pragma once
-// Test-only way to put the controller into a given operation type. Only the
-// controller's run loops set it in the library; tests of the host-link paths
-// need OP_TYPE_PTP without running a loop. The member pointer is obtained
-// through an explicit template instantiation, where access checking does not
-// apply, so CProductionMode needs no test hook of its own. Include it in one
-// source file per test program.
+// Puts the controller into a given operation type without running a loop, for the
+// host-link paths. The member pointer comes from an explicit template instantiation,
+// where access checking does not apply. Include it in one source file per program.
 
 #include "CProductionMode.h"
 

@@ -1,14 +1,21 @@
-// The controller's state and lifecycle as the host application sees it.
+// The controller as the host application sees it: the start-up checks that choose
+// between script mode and host-link mode from cards laid out by the tests, and the
+// lifecycle of the controller and its workers.
 #include "ProductionMode.h"
+#include "CAdjustDataManager.h"
 #include "PMReport.h"
 #include "TestRoot.h"
+#include "kernel_sim.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <future>
+#include <map>
+#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -16,18 +23,152 @@
 namespace {
 
 using namespace std::chrono_literals;
+using Files = std::map<std::string, std::string>;
+std::vector<std::string> g_traces; // the checks trace on the calling thread
 
-TEST(ProductionModeTest, OneInstanceIdleUntilARunStarts)
+void recordTrace(const char* text)
 {
-    std::vector<CProductionMode*> seen(4, nullptr);
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < seen.size(); ++i) threads.emplace_back([&, i] { seen[i] = CProductionMode::GetInstance(); });
-    for (auto& thread : threads) thread.join();
-    for (CProductionMode* instance : seen) EXPECT_EQ(CProductionMode::GetInstance(), instance);
+    g_traces.emplace_back(text);
+}
 
+class StartupChecksTest : public ::testing::Test {
+protected:
+    void SetUp() override { pm::SetTraceSink(&recordTrace); }
+    void TearDown() override { pm::SetTraceSink(nullptr); }
+
+    /// A card holding exactly these files, and line value 139.
+    void LayOut(const Files& files, int autoEnable = 0)
+    {
+        std::filesystem::remove_all(root.Host("/mnt/mmc"));
+        std::filesystem::create_directories(root.Host("/mnt/mmc"));
+        for (const auto& file : files) root.WriteFile("/mnt/mmc/" + file.first, file.second);
+        ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &autoEnable, sizeof autoEnable, false));
+        mode->Finalize(); // forgets the script path of the case before
+        g_traces.clear();
+    }
+
+    /// The first trace holding `text`, "" for none.
+    std::string TraceWith(const std::string& text)
+    {
+        for (const auto& trace : g_traces)
+            if (trace.find(text) != std::string::npos) return trace;
+        return "";
+    }
+    bool Traced(const std::string& text) { return !TraceWith(text).empty(); }
+
+    TestRoot root;
     CProductionMode* mode = CProductionMode::GetInstance();
-    EXPECT_FALSE(mode->IsActive());
-    EXPECT_EQ(OP_TYPE_NONE, mode->GetOperationType());
+};
+
+TEST_F(StartupChecksTest, CanPModeWorkingForEveryKindOfCardAndReadErrorsOnlyForBlocksThatCannotBeRead)
+{
+    // readError: the file whose read error is traced ("" when none is).
+    const std::string wifi = "adj_wifi certification 1\n" /* 25 bytes */, xy = "x y\n", a58(58, 'a');
+    const struct { const char* name; Files files; int autoEnable; int expected; std::string readError; } cases[] = {
+        {"empty card", {}, 0, 0, ""},
+        {"script named with a newline", {{"info.tg", "abc.adj\n"}, {"abc.adj", "lens init 1\n"}}, 0, 1, ""},
+        {"named script missing", {{"info.tg", "abc.adj"}}, 0, 0, ""},
+        {"named script missing, host link on", {{"info.tg", "abc.adj"}, {"info.tgw", ""}}, 0, 2, "info.tgw"},
+        {"default.adj runs instead", {{"info.tg", "other.adj"}, {"default.adj", "key press 1\n"}}, 0, 1, ""},
+        {"name without .adj", {{"info.tg", "abc.txt"}, {"abc.txt", xy}, {"default.adj", xy}}, 0, 0, ""},
+        {"name without .adj, info.tgw", {{"info.tg", "abc.txt"}, {"abc.txt", xy}, {"info.tgw", "pc"}}, 0, 2, ""},
+        {"name with .dev", {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", xy}}, 0, 1, ""},
+        {"65 bytes unread", {{"info.tg", a58 + ".adj\n\n\n"}, {a58 + ".adj", xy}, {"tk_dev.adj", a58 + a58}}, 0, 0, ""},
+        {"empty info.tg", {{"info.tg", ""}}, 0, 0, "info.tg"},
+        {"empty tk_dev.adj", {{"info.tg", "abc.adj"}, {"abc.adj", xy}, {"tk_dev.adj", ""}}, 0, 1, "tk_dev.adj"},
+        {"script and info.tgw: the script wins", {{"info.tg", "abc.adj"}, {"abc.adj", xy}, {"info.tgw", ""}}, 0, 1, ""},
+        {"line value 139 is 1", {}, 1, 2, ""},
+        {"line value 139 is 2", {}, 2, 0, ""},
+        {"info.tgw naming a .dev", {{"info.tgw", "line.dev"}}, 0, 2, ""},
+        {"Wi-Fi certification script", {{"info.tg", "w.adj"}, {"w.adj", wifi}}, 0, 3, ""},
+        {"empty Wi-Fi script", {{"info.tg", "w.adj"}, {"w.adj", ""}}, 0, 1, "/mnt/mmc/w.adj"},
+        {"Wi-Fi script of 64 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(39, ' ')}}, 0, 3, ""},
+        {"Wi-Fi text in 65 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(40, ' ')}}, 0, 1, ""},
+        // The certification check reads the name untrimmed: with a newline it finds no file.
+        {"Wi-Fi script named with a newline", {{"info.tg", "w.adj\n"}, {"w.adj", wifi}}, 0, 1, ""},
+        {"Wi-Fi check reads info.tg only", {{"info.tg", "w.adj"}, {"w.adj", xy}, {"default.adj", wifi}}, 0, 1, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        LayOut(c.files, c.autoEnable);
+        EXPECT_EQ(c.expected, mode->CanPModeWorking());
+        const std::string trace = "\x1b[m" + c.readError + " File Read error!!!\x1b[m\n";
+        EXPECT_EQ(c.readError.empty() ? "" : trace, TraceWith("File Read error"));
+    }
+}
+
+TEST_F(StartupChecksTest, ScriptPathIsKeptOnceFoundAndOnlyTheFileTestIsRedone)
+{
+    LayOut({{"info.tg", "abc.adj\n"}, {"abc.adj", "x y\n"}});
+    EXPECT_TRUE(mode->checkScriptFile());
+    // The card changes under the controller: the name is not read again, only its file is looked for.
+    std::filesystem::remove(root.Host("/mnt/mmc/abc.adj"));
+    root.WriteFile("/mnt/mmc/info.tg", "other.adj");
+    root.WriteFile("/mnt/mmc/other.adj", "x y\n");
+    EXPECT_FALSE(mode->checkScriptFile());
+    root.WriteFile("/mnt/mmc/abc.adj", "x y\n");
+    EXPECT_TRUE(mode->checkScriptFile());
+    root.WriteFile("/mnt/mmc/default.adj", "x y\n");
+    EXPECT_TRUE(mode->checkScriptFile());
+    std::filesystem::remove(root.Host("/mnt/mmc/default.adj"));
+    EXPECT_FALSE(mode->checkScriptFile()) << "the default path has replaced the name";
+}
+
+TEST_F(StartupChecksTest, ProductionStatusFollowsTheMarkersAndChangesNothing)
+{
+    const struct { const char* name; Files files; int autoEnable; bool expected; } cases[] = {
+        {"nothing", {}, 0, false}, {"info.tg", {{"info.tg", "abc.adj"}}, 0, true},
+        {"empty info.tg", {{"info.tg", ""}}, 0, true}, {"info.tgw", {{"info.tgw", ""}}, 0, true},
+        {"line value 139 is 1", {}, 1, true}, {"line value 139 is 2", {}, 2, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        LayOut(c.files, c.autoEnable);
+        EXPECT_EQ(c.expected, mode->isProductionStatus());
+        EXPECT_TRUE(Traced(std::string("isProductionStatus() blRetVal = ") + (c.expected ? "1" : "0")));
+        EXPECT_EQ(c.autoEnable == 1, Traced("LINE_PTP_AUTO_ENABLE = 1"));
+    }
+    LayOut({{"info.tg", "abc.adj"}, {"abc.adj", "x y\n"}});
+    EXPECT_TRUE(mode->isProductionStatus());
+    EXPECT_EQ(1, mode->CanPModeWorking()) << "a script path found afterwards is read fresh";
+}
+
+/// Lays out a card, initialises the adjust data (which leaves the stores changed)
+/// and runs the checks. 1 when the snapshot-boot preparation ran, which the
+/// snapshot mode does at once on changed stores; 0 when it did not.
+int snapshotPreparedByChecks(const Files& files, int autoEnable)
+{
+    TestRoot root;
+    for (const auto& file : files) root.WriteFile("/mnt/mmc/" + file.first, file.second);
+    CAdjustDataManager::GetInstance()->Initialize();
+    CAdjustDataManager::GetInstance()->SetData(139, &autoEnable, sizeof autoEnable, false);
+    CProductionMode::GetInstance()->CanPModeWorking();
+    for (int i = 0; i < kernel_sim_record_count(); ++i) {
+        char text[1024] = {};
+        if (kernel_sim_record(i, text, sizeof text) >= 0 && std::strstr(text, "dirty_adj") != nullptr) return 1;
+    }
+    return 0;
+}
+
+TEST(StartupChecksModeTest, ChecksSelectTheAdjustOperationMode)
+{
+    const Files devScript{{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", "x y\n"}};
+    Files keen = devScript, other = devScript;
+    keen["tk_dev.adj"] = "model keen_camera";
+    other["tk_dev.adj"] = "other";
+    const struct { const char* name; Files files; int autoEnable; bool snapshot; } cases[] = {
+        {"script name without .dev", {{"info.tg", "abc.adj"}, {"abc.adj", "x y\n"}}, 0, true},
+        {"script name with .dev", devScript, 0, false}, {".dev name, keen_camera device", keen, 0, true},
+        {".dev name, other device", other, 0, false}, {"info.tgw with .dev", {{"info.tgw", "line.dev"}}, 0, false},
+        {"info.tgw without .dev", {{"info.tgw", "line"}}, 0, true}, {"empty info.tgw", {{"info.tgw", ""}}, 0, true},
+        {"line value 139 is 1", {}, 1, true}, {"nothing", {}, 0, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Each case in a process of its own: the preparation runs at most once per process.
+        EXPECT_EXIT(std::_Exit(snapshotPreparedByChecks(c.files, c.autoEnable)),
+                    ::testing::ExitedWithCode(c.snapshot ? 1 : 0), "");
+    }
 }
 
 /// Counts the lifecycle calls the controller makes on it.
@@ -45,50 +186,36 @@ public:
         ++finalized;
         IPModeWorker::Finalize();
     }
-    std::atomic<int> initialized{0};
-    std::atomic<int> finalized{0};
+    std::atomic<int> initialized{0}, finalized{0};
 };
 
-TEST(ProductionModeTest, InitializeWaitsForTheFirstWorkerAndFinalizeStopsEveryWorker)
+TEST(ProductionModeTest, InitializeWaitsForAWorkerAndTheLifecycleCanBeRepeatedAndFinalizedInEveryState)
 {
-    TestRoot root;
+    TestRoot root; // an empty card: a started thread finds nothing to run
     CProductionMode* mode = CProductionMode::GetInstance();
+    EXPECT_FALSE(mode->IsActive());
+    EXPECT_EQ(OP_TYPE_NONE, mode->GetOperationType());
+    mode->Finalize(); // never initialised
     auto initialized = std::async(std::launch::async, [&] { mode->Initialize(); });
     EXPECT_EQ(std::future_status::timeout, initialized.wait_for(300ms)) << "no worker yet";
-
     auto* first = new LifecycleWorker("UI");
     auto* second = new LifecycleWorker("CAP");
     CWorkerFactory::GetInstance()->AddWorker(first);
     CWorkerFactory::GetInstance()->AddWorker(second);
     ASSERT_EQ(std::future_status::ready, initialized.wait_for(3s));
-    EXPECT_EQ(1, first->initialized);
-    EXPECT_EQ(1, second->initialized);
-
-    // A worker thread waiting for its own signal is released by Finalize.
-    auto waiting = std::async(std::launch::async, [&] { return first->Wait(0x1); });
-    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(100ms));
-    mode->Finalize();
-    ASSERT_EQ(std::future_status::ready, waiting.wait_for(2s));
-    EXPECT_FALSE(waiting.get());
-    EXPECT_EQ(1, first->finalized);
-    EXPECT_EQ(1, second->finalized);
-    EXPECT_FALSE(mode->IsActive());
-}
-
-TEST(ProductionModeTest, LifecycleCanBeRepeatedAndFinalizeIsSafeInEveryState)
-{
-    TestRoot root; // an empty card: the thread body finds nothing to run
-    CProductionMode* mode = CProductionMode::GetInstance();
-    mode->Finalize(); // never initialised
-    CWorkerFactory::GetInstance()->AddWorker(new LifecycleWorker("DD"));
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 1; round <= 3; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        mode->Initialize();
-        if (round > 0) {
-            ASSERT_TRUE(mode->Start());
-        }
+        if (round > 1) mode->Initialize();
+        EXPECT_TRUE(round == 1 || mode->Start()) << "the first round is finalized without a start";
+        EXPECT_EQ(round, first->initialized);
+        EXPECT_EQ(round, second->initialized);
+        auto waiting = std::async(std::launch::async, [&] { return first->Wait(0x1); });
+        EXPECT_EQ(std::future_status::timeout, waiting.wait_for(100ms));
         auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
         ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
+        EXPECT_FALSE(waiting.get()) << "Finalize releases a worker thread waiting for its signal";
+        EXPECT_EQ(round, first->finalized);
+        EXPECT_EQ(round, second->finalized);
         EXPECT_FALSE(mode->IsActive());
         EXPECT_FALSE(mode->IsCreatingFile());
     }

@@ -1,27 +1,30 @@
-// The worker registry: routing through the two tables, registration rules,
-// thread safety, initialisation and deletion of the registered workers.
+// The plug-in side: the worker registry (routing, registration rules, threads,
+// deletion at exit) and the worker base class (event flag, adjustment result).
+#include "CPTPAdjInterface.h"
+#include "CEventFlag.h"
 #include "CWorkerFactory.h"
 #include "IPModeWorker.h"
+#include "OperationTypeHook.h"
 #include "PMReport.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-std::vector<std::string> g_calls; // "<event>:<name>", in order
+using namespace std::chrono_literals;
+using Calls = std::vector<std::string>;
+Calls g_calls; // "<event>:<name>", in order
 
 class NamedWorker : public IPModeWorker {
 public:
-    explicit NamedWorker(const char* name, std::atomic<int>* deleted = nullptr) : m_deleted(deleted)
-    {
-        pszName = name;
-    }
+    explicit NamedWorker(const char* name, std::atomic<int>* deleted = nullptr) : m_deleted(deleted) { pszName = name; }
     ~NamedWorker() override
     {
         if (m_deleted != nullptr) ++*m_deleted;
@@ -37,161 +40,96 @@ public:
         IPModeWorker::Finalize();
         g_calls.push_back(std::string("fini:") + pszName);
     }
+    void DropEventFlag()
+    {
+        delete pEventFlag;
+        pEventFlag = nullptr;
+    }
 
 private:
     std::atomic<int>* m_deleted;
 };
 
-/// Registers one worker for each group name and unregisters them at the end, so
-/// the registry's exit-time deletion does not touch these stack objects.
-class RoutingTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        for (NamedWorker* w : all()) factory->AddWorker(w);
+TEST(WorkerFactoryTest, CommandsAndPendingSubCommandsReachTheWorkerOfTheirGroup)
+{
+    CWorkerFactory* factory = CWorkerFactory::GetInstance();
+    std::vector<std::unique_ptr<NamedWorker>> workers;
+    for (const char* name : {"UI", "CAP", "LENS", "MENU", "WIFI", "DD", "ETC", "PENDING"}) {
+        workers.push_back(std::make_unique<NamedWorker>(name));
+        factory->AddWorker(workers.back().get());
     }
-    void TearDown() override
-    {
-        for (NamedWorker* w : all()) factory->SubtractWorker(w);
-    }
-    std::vector<NamedWorker*> all() { return {&ui, &cap, &lens, &menu, &wifi, &dd, &etc, &pending}; }
-
-    /// Name of the worker a command reaches, "null" for none.
-    std::string Route(const char* command, const char* sub)
-    {
+    auto route = [&](const char* command, const char* sub) {
         IPModeWorker* worker = factory->GetWorker(command, sub);
-        return worker == nullptr ? "null" : worker->GetName();
-    }
-
-    CWorkerFactory* factory = CWorkerFactory::GetInstance();
-    NamedWorker ui{"UI"}, cap{"CAP"}, lens{"LENS"}, menu{"MENU"}, wifi{"WIFI"}, dd{"DD"}, etc{"ETC"},
-        pending{"PENDING"};
-};
-
-struct RouteCase {
-    const char* command;
-    const char* sub;
-    const char* worker;
-};
-
-TEST_F(RoutingTest, EveryGroupOfTheCommandTableIsReached)
-{
-    // First and last rows, and rows of every group; the sub-command of a group
-    // other than "PENDING" plays no part.
-    const RouteCase cases[] = {
-        {"key", nullptr, "UI"}, {"gold_model", "strobe", "UI"}, {"exposure", "x", "UI"},
-        {"lens", "strobe", "LENS"}, {"shutter", nullptr, "CAP"}, {"efs", "rtc", "CAP"},
-        {"display", "strobe", "DD"}, {"sys_param", nullptr, "DD"}, {"menu_capture", nullptr, "MENU"},
-        {"menu_setup4", "rtc", "MENU"}, {"menu_etc", nullptr, "MENU"}, {"sys_serial", nullptr, "WIFI"},
-        {"model_name", "strobe", "WIFI"}, {"port", nullptr, "PENDING"}, {"capture", nullptr, "PENDING"},
-        {"line_process", nullptr, "PENDING"},
+        return std::string(worker == nullptr ? "null" : worker->GetName());
     };
-    for (const RouteCase& c : cases) {
-        EXPECT_EQ(c.worker, Route(c.command, c.sub)) << "case " << c.command << " " << (c.sub ? c.sub : "null");
-    }
-}
-
-TEST_F(RoutingTest, PendingCommandsAreRoutedBySubCommand)
-{
-    // First and last rows, both "acceleration" rows, every group; unknown
-    // sub-commands keep the group "PENDING".
-    const RouteCase cases[] = {
-        {nullptr, "main_function", "ETC"}, {nullptr, "gyroscope", "DD"}, {nullptr, "acceleration", "DD"},
-        {nullptr, "strobe", "CAP"}, {nullptr, "rtc", "DD"}, {nullptr, "lens_mount", "LENS"},
-        {nullptr, "wifi", "WIFI"}, {nullptr, "still", "UI"}, {nullptr, "continuous", "UI"},
-        {nullptr, "efs", "CAP"}, {nullptr, "snapshot", "ETC"}, {nullptr, "card_lock", "ETC"},
-        {nullptr, "unknown_sub", "PENDING"}, {nullptr, "Strobe", "PENDING"}, {nullptr, "", "PENDING"},
+    // First and last rows and every group of both tables; the sub-command counts only
+    // for a "PENDING" command, and an unknown one keeps the group "PENDING".
+    const struct { const char* command; const char* sub; const char* worker; } cases[] = {
+        {"key", nullptr, "UI"}, {"gold_model", "strobe", "UI"}, {"exposure", "x", "UI"}, {"lens", "strobe", "LENS"},
+        {"shutter", nullptr, "CAP"}, {"efs", "rtc", "CAP"}, {"display", "strobe", "DD"}, {"sys_param", nullptr, "DD"},
+        {"menu_capture", nullptr, "MENU"}, {"menu_setup4", "rtc", "MENU"}, {"menu_etc", nullptr, "MENU"},
+        {"sys_serial", nullptr, "WIFI"}, {"model_name", "strobe", "WIFI"}, {"port", nullptr, "PENDING"},
+        {"capture", nullptr, "PENDING"}, {"line_process", nullptr, "PENDING"}, {"port", "main_function", "ETC"},
+        {"capture", "gyroscope", "DD"}, {"line_process", "acceleration", "DD"}, {"port", "strobe", "CAP"},
+        {"capture", "rtc", "DD"}, {"line_process", "lens_mount", "LENS"}, {"port", "wifi", "WIFI"},
+        {"capture", "still", "UI"}, {"line_process", "continuous", "UI"}, {"port", "efs", "CAP"},
+        {"capture", "snapshot", "ETC"}, {"line_process", "card_lock", "ETC"}, {"port", "unknown_sub", "PENDING"},
+        {"capture", "Strobe", "PENDING"}, {"line_process", "", "PENDING"}, {"strobe", nullptr, "null"},
+        {"rtc", "strobe", "null"}, {"acceleration", nullptr, "null"}, {"KEY", "strobe", "null"},
+        {"shutter ", nullptr, "null"}, {"", "strobe", "null"}, {"menu_setup5", nullptr, "null"},
+        {nullptr, "strobe", "null"},
     };
-    for (const char* command : {"port", "capture", "line_process"}) {
-        for (const RouteCase& c : cases) {
-            EXPECT_EQ(c.worker, Route(command, c.sub)) << "case " << command << " " << c.sub;
-        }
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(c.worker, route(c.command, c.sub)) << (c.command ? c.command : "-") << " " << (c.sub ? c.sub : "-");
+    factory->SubtractWorker(workers[7].get());
+    EXPECT_EQ("null", route("capture", nullptr)) << "no worker named PENDING";
+    EXPECT_EQ("null", route("line_process", "no_such_step"));
+    factory->SubtractWorker(workers[5].get());
+    EXPECT_EQ("null", route("line_process", "acceleration")) << "group DD without a worker";
+    EXPECT_EQ("CAP", route("line_process", "strobe"));
+    for (auto& worker : workers) factory->SubtractWorker(worker.get());
 }
 
-TEST_F(RoutingTest, UnknownNamesAndMissingWorkersGiveNull)
-{
-    const char* refused[] = {"strobe", "rtc", "acceleration", "KEY", "shutter ", "", "menu_setup5"};
-    for (const char* command : refused) {
-        EXPECT_EQ("null", Route(command, nullptr)) << "case " << command;
-        EXPECT_EQ("null", Route(command, "strobe")) << "case " << command;
-    }
-    EXPECT_EQ(nullptr, factory->GetWorker(nullptr, "strobe"));
-
-    factory->SubtractWorker(&pending);
-    EXPECT_EQ("null", Route("capture", nullptr)) << "no worker named PENDING";
-    EXPECT_EQ("null", Route("line_process", "no_such_step"));
-    factory->SubtractWorker(&dd);
-    EXPECT_EQ("null", Route("line_process", "acceleration")) << "group DD without a worker";
-    EXPECT_EQ("CAP", Route("line_process", "strobe"));
-}
-
-TEST(WorkerFactoryTest, DuplicateNamesAreRefusedAndTheFirstKeepsServing)
+TEST(WorkerFactoryTest, RegistrationRefusesNamelessAndDuplicateWorkersAndKeepsTheOrder)
 {
     CWorkerFactory* factory = CWorkerFactory::GetInstance();
-    NamedWorker first("CAP"), second("CAP"), other("DD");
-    EXPECT_FALSE(factory->IsWorkerAllReady());
-    factory->AddWorker(&first);
-    EXPECT_TRUE(factory->IsWorkerAllReady());
-    factory->AddWorker(&second);
-    factory->AddWorker(&other);
-    factory->AddWorker(nullptr);
-    EXPECT_EQ(&first, factory->GetWorker("shutter", nullptr));
-
-    factory->SubtractWorker(&second); // not registered: nothing changes
-    EXPECT_EQ(&first, factory->GetWorker("shutter", nullptr));
-    factory->SubtractWorker(&first);
-    EXPECT_EQ(nullptr, factory->GetWorker("shutter", nullptr)) << "the refused duplicate never got in";
-    EXPECT_EQ(&other, factory->GetWorker("sound", nullptr));
-    factory->SubtractWorker(&other);
-    EXPECT_FALSE(factory->IsWorkerAllReady());
-}
-
-TEST(WorkerFactoryTest, WorkerWithoutNameIsAFailedCheckAndNotRegistered)
-{
-    CWorkerFactory* factory = CWorkerFactory::GetInstance();
-    NamedWorker nameless(nullptr);
+    NamedWorker nameless(nullptr), ui("UI"), cap("CAP"), cap2("CAP"), dd("DD");
     testing::internal::CaptureStdout();
     const unsigned long before = pm::AssertionCount();
     factory->AddWorker(&nameless);
-    const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(before + 1, pm::AssertionCount());
-    EXPECT_NE(std::string::npos, out.find("Assertion Failed! --- File lib/production-plugin/src/CWorkerFactory.cpp"))
-        << out;
+    EXPECT_EQ(0u, testing::internal::GetCapturedStdout().find(
+                      "Assertion Failed! --- File lib/production-plugin/src/CWorkerFactory.cpp"));
     EXPECT_FALSE(factory->IsWorkerAllReady());
-}
-
-TEST(WorkerFactoryTest, SubtractKeepsTheOrderOfTheOthers)
-{
-    CWorkerFactory* factory = CWorkerFactory::GetInstance();
-    NamedWorker a("UI"), b("CAP"), c("DD");
-    for (NamedWorker* w : {&a, &b, &c}) factory->AddWorker(w);
-    factory->SubtractWorker(&b);
+    for (IPModeWorker* worker : {&ui, &cap, &cap2, &dd, static_cast<NamedWorker*>(nullptr)}) factory->AddWorker(worker);
+    EXPECT_TRUE(factory->IsWorkerAllReady());
+    EXPECT_EQ(&cap, factory->GetWorker("shutter", nullptr)) << "the first of a name serves";
+    factory->SubtractWorker(&cap);
+    EXPECT_EQ(nullptr, factory->GetWorker("shutter", nullptr)) << "the refused duplicate never got in";
+    factory->SubtractWorker(&cap2); // never registered: nothing changes
     g_calls.clear();
     factory->InitializeAllWorker();
     factory->FinalizeAllWorker();
-    EXPECT_EQ((std::vector<std::string>{"init:UI", "init:DD", "fini:UI", "fini:DD"}), g_calls);
-    // The removed worker can come back, at the end.
-    factory->AddWorker(&b);
+    EXPECT_EQ((Calls{"init:UI", "init:DD", "fini:UI", "fini:DD"}), g_calls);
+    factory->AddWorker(&cap);
     g_calls.clear();
     factory->InitializeAllWorker();
-    EXPECT_EQ((std::vector<std::string>{"init:UI", "init:DD", "init:CAP"}), g_calls);
-    for (NamedWorker* w : {&a, &b, &c}) factory->SubtractWorker(w);
+    EXPECT_EQ((Calls{"init:UI", "init:DD", "init:CAP"}), g_calls) << "a removed worker comes back at the end";
+    for (IPModeWorker* worker : {&ui, &cap, &dd}) factory->SubtractWorker(worker);
     g_calls.clear();
     factory->InitializeAllWorker();
-    EXPECT_TRUE(g_calls.empty()) << "empty registry: nothing called";
+    EXPECT_TRUE(g_calls.empty());
+    EXPECT_FALSE(factory->IsWorkerAllReady());
 }
 
 TEST(WorkerFactoryTest, ConcurrentRegistrationLosesNoWorkerWhileLookupsRun)
 {
     CWorkerFactory* factory = CWorkerFactory::GetInstance();
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 2000;
+    constexpr int kThreads = 4, kPerThread = 2000;
     std::vector<std::string> names;
     for (int i = 0; i < kThreads * kPerThread; ++i) names.push_back("W" + std::to_string(i));
     std::vector<std::unique_ptr<NamedWorker>> workers;
     for (const std::string& name : names) workers.push_back(std::make_unique<NamedWorker>(name.c_str()));
-
     std::atomic<bool> done{false};
     std::thread lookup([&] {
         while (!done) factory->GetWorker("shutter", nullptr);
@@ -205,12 +143,10 @@ TEST(WorkerFactoryTest, ConcurrentRegistrationLosesNoWorkerWhileLookupsRun)
     for (std::thread& t : adders) t.join();
     done = true;
     lookup.join();
-
     g_calls.clear();
     factory->InitializeAllWorker();
     EXPECT_EQ(names.size(), g_calls.size()) << "every registration must survive";
     for (auto& w : workers) factory->SubtractWorker(w.get());
-    EXPECT_FALSE(factory->IsWorkerAllReady());
 }
 
 /// A worker that unregisters itself when deleted, as plug-ins commonly do.
@@ -237,6 +173,64 @@ TEST(WorkerFactoryTest, RegisteredWorkersAreDeletedAtExitAndRemovedOnesAreNot)
             std::exit(0);
         },
         testing::ExitedWithCode(7), "");
+}
+
+TEST(PModeWorkerTest, WaitBlocksUntilARequestedBitOrFinalizeAndClearsOnlyTheRequestedBits)
+{
+    NamedWorker worker("UI");
+    EXPECT_FALSE(worker.Wait(0x1)) << "a fresh worker is stopped until Initialize";
+    worker.Initialize();
+    auto waiting = std::async(std::launch::async, [&] { return worker.Wait(0x3); });
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(50ms)) << "nothing set yet: Wait must block";
+    worker.Resume(0x1);
+    EXPECT_TRUE(waiting.get());
+    waiting = std::async(std::launch::async, [&] { return worker.Wait(0x3); });
+    worker.Resume(0);
+    worker.Resume(0x4);
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(50ms)) << "bit 0 was cleared; bit 2 was not asked for";
+    worker.Resume(0x2);
+    EXPECT_TRUE(waiting.get());
+    EXPECT_TRUE(worker.Wait(0x4)) << "bit 2 stayed set";
+
+    waiting = std::async(std::launch::async, [&] { return worker.Wait(0x1); });
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(50ms));
+    worker.Finalize();
+    EXPECT_FALSE(waiting.get());
+    worker.Resume(0x1);
+    EXPECT_FALSE(worker.Wait(0x1)) << "after Finalize, Wait fails without blocking";
+    worker.Initialize();
+    EXPECT_TRUE(worker.Wait(0x1)) << "the failed Wait cleared nothing";
+    worker.DropEventFlag();
+    worker.Initialize();
+    worker.Resume(0x1);
+    EXPECT_FALSE(worker.Wait(0x1)) << "no event flag: never blocks, never succeeds";
+    worker.Finalize();
+}
+
+TEST(PModeWorkerTest, AdjustResultIsKeptAndAnsweredOnlyOverTheHostLinkWhenAsked)
+{
+    NamedWorker worker("UI");
+    CPTPAdjInterface* transfer = CPTPAdjInterface::GetInstance();
+    EXPECT_EQ(PM_RESULT_NONE, worker.GetAdjResult());
+    const struct { int type; EPMResult result; bool respond; int value2; } cases[] = {
+        {OP_TYPE_SCRIPT, PM_RESULT_PASS, true, -1}, {OP_TYPE_PTP, PM_RESULT_FAIL, false, -1},
+        {OP_TYPE_PTP, PM_RESULT_PASS, true, 0}, {OP_TYPE_PTP, PM_RESULT_FAIL, true, 1},
+        {OP_TYPE_PTP, PM_RESULT_NONE, true, 1}, {OP_TYPE_PTP, static_cast<EPMResult>(7), true, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("type " + std::to_string(c.type) + " result " + std::to_string(c.result));
+        pm_test::SetOperationType(c.type);
+        worker.SetAdjResult(c.result, c.respond);
+        EXPECT_EQ(c.result, worker.GetAdjResult());
+        EXPECT_EQ(c.value2 < 0 ? 0u : 1u, transfer->GetTransferDataType()) << "an answer for the PC";
+        if (c.value2 < 0) continue;
+        unsigned int code = 0, value2 = 9, value3 = 9;
+        transfer->GetRespond(code, value2, value3);
+        EXPECT_EQ((std::vector<unsigned>{0x10000002u, static_cast<unsigned>(c.value2), 0u}),
+                  (std::vector<unsigned>{code, value2, value3}));
+        transfer->Dispatch();
+    }
+    pm_test::SetOperationType(OP_TYPE_NONE);
 }
 
 } // namespace
