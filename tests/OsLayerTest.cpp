@@ -1,8 +1,9 @@
 // The simulated OS layer and kernel: event flags, threads, mutexes, the root
-// mapping, and the shell commands and mounts carried out below the root.
+// mapping, the system log, and the shell commands and mounts carried out below the root.
 #include "CEventFlag.h"
 #include "FThread.h"
 #include "TestRoot.h"
+#include "dlog.h"
 #include "fx_os.h"
 #include "kernel.h"
 #include "kernel_sim.h"
@@ -12,6 +13,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
@@ -82,7 +84,7 @@ TEST(FThreadTest, BodiesRunOnceOnTheirOwnThreadsAndTheMutexSerialisesThem)
     EXPECT_EQ(-1, _fx_mutex_lock(nullptr, __FILE__, __func__, __LINE__));
 }
 
-TEST(KernelTest, PathsCommandsAndMountsActBelowTheRootAndNothingElseRuns)
+TEST(KernelTest, PathsLogLinesCommandsAndMountsLandBelowTheRootAndNothingElseRuns)
 {
     TestRoot root;
     char out[512];
@@ -93,6 +95,10 @@ TEST(KernelTest, PathsCommandsAndMountsActBelowTheRootAndNothingElseRuns)
     EXPECT_STREQ("", out);
     EXPECT_EQ(-1, kernel_map_path(nullptr, out, sizeof out));
     EXPECT_TRUE(std::filesystem::is_directory(root.Host("/tmp"))) << "every root has a /tmp";
+    ASSERT_GT(__dlog_print(3, DLOG_DEBUG, "PMODE", "%s(%d) > %s", "f", 7, "first\n"), 0);
+    const std::string log = root.ReadFile("/var/log/dlog.log");
+    EXPECT_NE(std::string::npos, log.find(" D/PMODE(3): f(7) > first\n"));
+    EXPECT_EQ(1, std::count(log.begin(), log.end(), '\n')) << "one line per call";
 
     kernel_sim_reset();
     const std::pair<const char*, int> commands[] = {

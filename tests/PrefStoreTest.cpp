@@ -124,6 +124,11 @@ TEST_F(PrefStoreTest, BadFilesAreRefusedLeaveTheImageAndAreNotSavedOverByDefault
     EXPECT_EQ(0, pref_get_long(3, 51213)) << "reset puts the defaults back in memory";
     pref_sim_forget_images();
     EXPECT_EQ(0x5A5A, pref_get_long(3, 51213)) << "and only there: the saved image comes back on restart";
+    root.WriteFile("/mnt/ubi1/pref/store/group3.bin", good.substr(1));
+    pref_sim_forget_images();
+    EXPECT_EQ(-1, pref_save(3));
+    ASSERT_EQ(0, pref_reset(3));
+    EXPECT_EQ(0, pref_save(3)) << "an explicit reset may be saved over a refused copy";
 }
 
 TEST_F(PrefStoreTest, ConcurrentWritersAndSaversKeepEveryValue)
