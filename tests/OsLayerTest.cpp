@@ -110,6 +110,7 @@ TEST(KernelTest, PathsLogLinesCommandsAndMountsLandBelowTheRootAndNothingElseRun
         {"ubiattach -p /dev/sda1 -d 2", 127}, {"echo 1 > relative", 127}, {"", 127}, {" ; ; ", 127}};
     for (const auto& [command, status] : commands) EXPECT_EQ(status << 8, kernel_system(command)) << command;
     EXPECT_EQ(127 << 8, kernel_system(nullptr));
+    EXPECT_EQ("rm -rf /", KernelSimRecords()[5]) << "refused commands are recorded too";
     EXPECT_EQ(1, kernel_sim_ubi_attached(2));
     EXPECT_EQ("1\n", root.ReadFile("/pref/dirty_adj"));
     EXPECT_FALSE(root.Exists("/pref/dirty_adj2")) << "the known part of a refused command did not run";
