@@ -60,6 +60,7 @@ TEST_F(VconfTest, ValuesKeepTheirTypeAndDamagedValueFilesReadAsMissing)
     EXPECT_EQ(-1, number) << "a failed read leaves the output alone";
     EXPECT_TRUE(root.Exists("/var/run/vconf/memory%2Fprivate%2Fpmode")) << "one file per key, whatever its slashes";
     EXPECT_EQ(-1, vconf_set_int("", 1));
+    EXPECT_EQ(-1, vconf_set_int(nullptr, 1));
     EXPECT_EQ(-1, vconf_set_str("k", nullptr));
 
     char path[512];
