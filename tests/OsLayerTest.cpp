@@ -1,98 +1,64 @@
-// The simulated OS layer, system log and root mapping.
+// The simulated OS layer and kernel: event flags, threads, mutexes, the root
+// mapping, the system log, and the shell commands and mounts carried out below the root.
 #include "CEventFlag.h"
 #include "FThread.h"
 #include "TestRoot.h"
 #include "dlog.h"
 #include "fx_os.h"
 #include "kernel.h"
+#include "kernel_sim.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace {
 
-TEST(EventFlagTest, WaiterWakesWhenAnotherThreadSetsABit)
-{
-    CEventFlag flag;
-    ASSERT_EQ(0, flag.Create(0));
-    unsigned long pattern = 0;
-    std::thread setter([&] {
-        _fx_thread_sleep(__FILE__, __func__, __LINE__, 20);
-        flag.Set(0x4);
-    });
-    EXPECT_EQ(0, flag.WaitOr(0x4, &pattern, -1));
-    EXPECT_EQ(0x4UL, pattern);
-    setter.join();
-}
-
-TEST(EventFlagTest, WaitOrReturnsOnAnyBitOfTheMaskAndKeepsTheBits)
-{
-    CEventFlag flag;
-    ASSERT_EQ(0, flag.Create(0xF0000000UL));
-    unsigned long pattern = 0;
-    EXPECT_EQ(0, flag.WaitOr(0x1 | 0x80000000UL, &pattern, -1));
-    EXPECT_EQ(0xF0000000UL, pattern);
-
-    flag.Clear(0xF0000000UL);
-    flag.Set(0x2 | 0x8);
-    EXPECT_EQ(0, flag.WaitOr(0x1 | 0x8, &pattern, 0));
-    EXPECT_EQ(0xAUL, pattern) << "the flag's bits are handed back whole";
-    EXPECT_EQ(-1, flag.WaitOr(0x1, &pattern, 10)) << "no bit of the mask: time-out";
-}
-
-TEST(EventFlagTest, DeleteWakesWaitersAndLaterCallsFail)
+TEST(EventFlagTest, WaitOrHandsBackTheBitsTimesOutAndIsReleasedBySetOrDelete)
 {
     CEventFlag flag;
     EXPECT_EQ(-1, flag.Set(1)) << "not created yet";
-    ASSERT_EQ(0, flag.Create(0));
-    std::atomic<int> result{1};
-    std::thread waiter([&] {
-        unsigned long pattern = 0;
-        result = flag.WaitOr(0x1, &pattern, -1);
-    });
-    _fx_thread_sleep(__FILE__, __func__, __LINE__, 20);
-    EXPECT_EQ(0, flag.Delete());
-    waiter.join();
-    EXPECT_EQ(-2, result.load());
+    ASSERT_EQ(0, flag.Create(0x80000002UL));
     unsigned long pattern = 0;
-    EXPECT_EQ(-2, flag.WaitOr(0x1, &pattern, -1));
+    EXPECT_EQ(0, flag.WaitOr(0x1 | 0x80000000UL, &pattern, -1));
+    EXPECT_EQ(0x80000002UL, pattern) << "the flag's bits are handed back whole";
+    flag.Clear(0x80000000UL);
+    EXPECT_EQ(-1, flag.WaitOr(0x1 | 0x80000000UL, &pattern, 10)) << "no bit of the mask: time-out";
+    std::thread other([&flag] {
+        _fx_thread_sleep(__FILE__, __func__, __LINE__, 20);
+        flag.Set(0x4);
+        _fx_thread_sleep(__FILE__, __func__, __LINE__, 20);
+        EXPECT_EQ(0, flag.Delete());
+    });
+    EXPECT_EQ(0, flag.WaitOr(0x4, &pattern, -1)) << "woken by a Set of another thread";
+    EXPECT_EQ(-2, flag.WaitOr(0x1, &pattern, -1)) << "a deleted flag releases its waiters";
+    other.join();
     EXPECT_EQ(-1, flag.Delete());
 }
 
-class CountingThread : public FThread {
-public:
-    ~CountingThread() override { Destroy(); }
-    std::atomic<int> runs{0};
-    std::thread::id ranOn;
-
-protected:
-    void t_Main() override
-    {
-        ranOn = std::this_thread::get_id();
-        ++runs;
-    }
+/// Runs a function once, on a thread of its own.
+struct FunctionThread : FThread {
+    explicit FunctionThread(std::function<void()> function) : body(std::move(function)) {}
+    ~FunctionThread() override { Destroy(); }
+    void t_Main() override { body(); }
+    std::function<void()> body;
 };
 
-TEST(FThreadTest, BodyRunsOnceOnItsOwnThreadAndDestroyJoins)
-{
-    CountingThread thread;
-    EXPECT_FALSE(thread.IsCreated());
-    ASSERT_TRUE(thread.Start());
-    EXPECT_FALSE(thread.Start()) << "a created thread cannot start twice";
-    thread.Destroy();
-    EXPECT_FALSE(thread.IsCreated());
-    EXPECT_EQ(1, thread.runs.load());
-    EXPECT_NE(std::this_thread::get_id(), thread.ranOn);
-    thread.Destroy(); // a second Destroy does nothing
-}
-
-TEST(FxMutexTest, MutexSerialisesThreadsAndNullIsRefused)
+TEST(FThreadTest, BodiesRunOnceOnTheirOwnThreadsAndTheMutexSerialisesThem)
 {
     fx_mutex_t mutex = _fx_mutex_create(__FILE__, __func__, __LINE__);
     ASSERT_NE(nullptr, mutex);
     int counter = 0;
+    std::thread::id ranOn;
     auto work = [&] {
         for (int i = 0; i < 10000; ++i) {
             _fx_mutex_lock(mutex, __FILE__, __func__, __LINE__);
@@ -100,15 +66,25 @@ TEST(FxMutexTest, MutexSerialisesThreadsAndNullIsRefused)
             _fx_mutex_unlock(mutex, __FILE__, __func__, __LINE__);
         }
     };
-    std::thread a(work), b(work);
-    a.join();
-    b.join();
-    EXPECT_EQ(20000, counter);
+    FunctionThread a(work), b([&] {
+        ranOn = std::this_thread::get_id();
+        work();
+    });
+    EXPECT_FALSE(a.IsCreated());
+    ASSERT_TRUE(a.Start());
+    ASSERT_TRUE(b.Start());
+    EXPECT_FALSE(a.Start()) << "a created thread cannot start twice";
+    a.Destroy();
+    b.Destroy();
+    EXPECT_FALSE(a.IsCreated());
+    EXPECT_EQ(20000, counter) << "each body ran once, one increment at a time";
+    EXPECT_NE(std::this_thread::get_id(), ranOn);
+    a.Destroy(); // a second Destroy does nothing
     EXPECT_EQ(0, _fx_mutex_delete(mutex, __FILE__, __func__, __LINE__));
     EXPECT_EQ(-1, _fx_mutex_lock(nullptr, __FILE__, __func__, __LINE__));
 }
 
-TEST(KernelPathTest, DevicePathsMapBelowTheRoot)
+TEST(KernelTest, PathsLogLinesCommandsAndMountsLandBelowTheRootAndNothingElseRuns)
 {
     TestRoot root;
     char out[512];
@@ -118,23 +94,61 @@ TEST(KernelPathTest, DevicePathsMapBelowTheRoot)
     EXPECT_EQ(-1, kernel_map_path("/mnt/mmc/", out, 4)) << "too small";
     EXPECT_STREQ("", out);
     EXPECT_EQ(-1, kernel_map_path(nullptr, out, sizeof out));
-}
-
-TEST(KernelPathTest, IdentityWithoutRoot)
-{
-    unsetenv("PMODE_ROOT");
-    EXPECT_EQ("/mnt/mmc/a", KernelPath("/mnt/mmc/a"));
-}
-
-TEST(DlogTest, EveryCallAppendsOneLineBelowTheRoot)
-{
-    TestRoot root;
-    EXPECT_GT(__dlog_print(3, DLOG_ERROR, "PMODE", "%s(%d) > %s", "f", 7, "first\n"), 0);
-    EXPECT_GT(__dlog_print(3, DLOG_DEBUG, "PMODE", "second"), 0);
+    EXPECT_TRUE(std::filesystem::is_directory(root.Host("/tmp"))) << "every root has a /tmp";
+    ASSERT_GT(__dlog_print(3, DLOG_DEBUG, "PMODE", "%s(%d) > %s", "f", 7, "first\n"), 0);
     const std::string log = root.ReadFile("/var/log/dlog.log");
-    EXPECT_NE(std::string::npos, log.find(" E/PMODE(3): f(7) > first\n"));
-    EXPECT_NE(std::string::npos, log.find(" D/PMODE(3): second\n"));
-    EXPECT_EQ(2, std::count(log.begin(), log.end(), '\n'));
+    EXPECT_NE(std::string::npos, log.find(" D/PMODE(3): f(7) > first\n"));
+    EXPECT_EQ(1, std::count(log.begin(), log.end(), '\n')) << "one line per call";
+
+    kernel_sim_reset();
+    const std::pair<const char*, int> commands[] = {
+        {"ubiattach -p /dev/mtd2 -d 2", 0}, {"ubiattach -p /dev/mtd2 -d 2", 1}, // attached already
+        {"echo 1 > /pref/dirty_adj; sync; ", 0}, {"mkdir -p --mode=0750 /mnt/ubi1/log/", 0},
+        {"mkdir -p /mnt/ubi1/log/ --mode=0750", 0}, // an existing directory is fine
+        {"rm -rf /", 127}, {"echo 1 > /pref/dirty_adj2; rm -rf /mnt", 127}, {"reboot", 127},
+        {"mkdir -p relative/dir --mode=0755", 127}, {"mkdir -p /mnt/x --mode=0999", 127},
+        {"ubiattach -p /dev/sda1 -d 2", 127}, {"echo 1 > relative", 127}, {"", 127}, {" ; ; ", 127}};
+    for (const auto& [command, status] : commands) EXPECT_EQ(status << 8, kernel_system(command)) << command;
+    EXPECT_EQ(127 << 8, kernel_system(nullptr));
+    EXPECT_EQ("rm -rf /", KernelSimRecords()[5]) << "refused commands are recorded too";
+    EXPECT_EQ(1, kernel_sim_ubi_attached(2));
+    EXPECT_EQ("1\n", root.ReadFile("/pref/dirty_adj"));
+    EXPECT_FALSE(root.Exists("/pref/dirty_adj2")) << "the known part of a refused command did not run";
+    EXPECT_FALSE(root.Exists("/mnt/x"));
+    struct stat info {};
+    ASSERT_EQ(0, stat(root.Host("/mnt/ubi1/log").c_str(), &info));
+    EXPECT_EQ(S_IFDIR | 0750u, info.st_mode & (S_IFMT | 07777));
+
+    auto mount = [](const char* source, const char* fstype, unsigned long flags) {
+        const int result = kernel_mount(source, "/mnt/ubi2", fstype, flags | MS_NOATIME | MS_NODIRATIME, "bulk_read");
+        return result == 0 ? 0 : errno;
+    };
+    EXPECT_EQ(ENOENT, mount("/dev/ubi3_0", "ubifs", 0)) << "not attached";
+    EXPECT_EQ(ENODEV, mount("/dev/ubi2_0", "vfat", 0));
+    EXPECT_EQ(EINVAL, mount("/dev/ubi2_0", "ubifs", MS_REMOUNT)) << "remount of a target that is not mounted";
+    ASSERT_EQ(0, kernel_sim_set_proc_mounts("rootfs / rootfs rw 0 0\n"));
+    EXPECT_EQ(0, mount("/dev/ubi2_0", "ubifs", 0));
+    EXPECT_TRUE(std::filesystem::is_directory(root.Host("/mnt/ubi2")));
+    EXPECT_EQ(EBUSY, mount("/dev/ubi2_0", "ubifs", 0));
+    kernel_sim_fail_next_mount(EROFS, 1);
+    EXPECT_EQ(EROFS, mount("/dev/ubi2_0", "ubifs", MS_REMOUNT));
+    EXPECT_EQ(0, mount("/dev/ubi2_0", "ubifs", MS_REMOUNT | MS_RDONLY));
+    EXPECT_EQ("rootfs / rootfs rw 0 0\n/dev/ubi2_0 /mnt/ubi2 ubifs ro,noatime,nodiratime,bulk_read 0 0\n",
+              root.ReadFile("/proc/mounts"));
+    EXPECT_EQ("mount(/dev/ubi2_0, /mnt/ubi2, ubifs, 0xc21, bulk_read)", KernelSimRecords().back());
+    EXPECT_EQ(EROFS, kernel_sim_record_result(kernel_sim_record_count() - 2));
+    EXPECT_EQ(1 << 8, kernel_sim_record_result(1));
+    EXPECT_EQ(-1, kernel_sim_record_result(kernel_sim_record_count()));
+    ASSERT_EQ(0, kernel_sim_set_proc_mounts(nullptr));
+    EXPECT_FALSE(root.Exists("/proc/mounts"));
+
+    unsetenv("PMODE_ROOT"); // without a root nothing may touch the host
+    kernel_sim_reset();
+    EXPECT_EQ("/mnt/mmc/a", KernelPath("/mnt/mmc/a"));
+    EXPECT_EQ(127 << 8, kernel_system("mkdir -p /pmode-sim-must-not-exist --mode=0755"));
+    EXPECT_FALSE(std::filesystem::exists("/pmode-sim-must-not-exist"));
+    EXPECT_EQ(EPERM, mount("/dev/ubi2_0", "ubifs", 0));
+    EXPECT_EQ(2, kernel_sim_record_count());
 }
 
 } // namespace
