@@ -10,12 +10,13 @@ using namespace controller_test;
 
 using ScriptRunTest = ControllerTest;
 
-TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderUntilTheScriptEndsOrACommandFails)
+TEST_F(ScriptRunTest, CommandsReachTheirWorkerInOrderUntilTheScriptEndsACommandFailsOrFinalizeStopsTheRun)
 {
-    addWorkers({"LENS", "CAP", "UI"}, [this](_tPM_Command&) {
+    TestWorker* ui = new TestWorker("UI", [&](_tPM_Command& command) {
         EXPECT_EQ(OP_TYPE_SCRIPT, mode->GetOperationType());
-        return 0;
+        return std::string(command.szParam[0]) == "hold" && ui->Wait(0x1) ? -1 : 0; // held until Finalize
     });
+    CWorkerFactory::GetInstance()->AddWorker(ui);
     root.WriteFile("/mnt/mmc/info.tg", "run.adj");
     root.WriteFile("/mnt/mmc/info.tgw", ""); // host-link mode is enabled as well: the script wins
     const std::string steps = "key step 0\nlabel ADJ_12\nkey step 12\n";
@@ -25,12 +26,12 @@ TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderUntilTheScriptEndsOrAComma
         int step; // the recorded step to resume at, -1: none recorded
         Lines calls;
     } cases[] = {
-        {"goto loop, unknown command", "lens init 1\nlabel L\nshutter speed 1\ngoto L 1\nno_such_command x 1\nkey press 1\n",
-         -1, {"LENS: lens init 1", "CAP: shutter speed 1", "CAP: shutter speed 1", "UI: key press 1"}},
+        {"unknown command", "no_such_command x 1\nkey press 1\n", -1, {"UI: key press 1"}},
         {"failing command", "key press 1\nkey fail 2\nkey press 3\n", -1, {"UI: key press 1", "UI: key fail 2"}},
         {"command without parameters", "key press 0\nkey \nkey press 1\n", -1, {"UI: key press 0"}},
         {"resume at step 12", steps, 12, {"UI: key step 12"}},
         {"no label for step 7", steps, 7, {"UI: key step 0", "UI: key step 12"}},
+        {"Finalize during a command: it finishes, no other runs", "key hold 1\nkey press 2\n", -1, {"UI: key hold 1"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -40,7 +41,8 @@ TEST_F(ScriptRunTest, CommandsReachTheirWorkersInOrderUntilTheScriptEndsOrAComma
         root.WriteFile("/mnt/mmc/run.adj", c.script);
         mode->Initialize();
         ASSERT_TRUE(mode->Start());
-        for (int tries = 0; tries < 1000 && (mode->IsActive() || calls() != c.calls); ++tries) {
+        const bool held = c.calls.back() == "UI: key hold 1";
+        for (int tries = 0; tries < 1000 && ((mode->IsActive() && !held) || calls() != c.calls); ++tries) {
             std::this_thread::sleep_for(5ms); // until the run has left script mode after its last command
         }
         Finalize();
