@@ -22,7 +22,9 @@ protected:
         ControllerTest::SetUp();
         root.WriteFile("/mnt/mmc/info.tgw", "factory");
         root.WriteFile(kPayload, "PAYLOAD-BYTES");
-        addWorkers({"LENS", "UI", "DD", "CAP", "ETC"}, [this](_tPM_Command& command) { return Serve(command); });
+        for (const char* group : {"LENS", "UI", "DD", "CAP", "ETC"}) { // the registry deletes them at exit
+            CWorkerFactory::GetInstance()->AddWorker(new TestWorker(group, [this](_tPM_Command& c) { return Serve(c); }));
+        }
     }
 
     /// Besides logging, a worker writes the strobe process mark given as third parameter or starts recording.
@@ -81,7 +83,6 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
         {"op 10030000 1 2 0 0", kFailed, ""},
         {"lens init 1", kDone, "LENS: lens init 1"},
         {"key fail 2", kFailed, "UI: key fail 2"},
-        // The strobe process mark the worker wrote decides the adjust result.
         {"line_process strobe flash_write &", "Param3=0 Param2=0 Param1=10000002",
          "CAP: line_process strobe flash_write &"},
         {"line_process strobe flash_write ^", kFailed, "CAP: line_process strobe flash_write ^"},
@@ -94,6 +95,7 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
         {"shutter speed 1", kDone, "CAP: shutter speed 1"},
         {"op 10011000 1 0 0 4", kDone, ""},      // the lower half of p1 is not 2
         {"op 10011000 30002 0 0 4", kFailed, ""}, // the upper half is above 2: a failed check
+        {"op 10011000 10002 0 0 9", kDone, "CAP: shutter shutter_speed2 1 | 9 1 0 0 | PAYLOAD"},
         {"!op 10011000 20002 0 0 4", kFailed, "CAP: shutter shutter_speed2 1 | 4 2 0 0 | PAYLOAD"},
         {"line_process cis_data 0", kDone, "ETC: line_process cis_data 0"},
         {"op 10021000 1 2 3 4", "Param3=0 Param2=0 Param1=10020002", "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},

@@ -77,15 +77,18 @@ TEST_F(ProductionPTPTest, ScriptLinesAreHandedOverOneAtATimeAndAnsweredParam3Fir
     // A second Mount subscribes nothing more: the next line is delivered once.
     EXPECT_TRUE(channel.Mount());
     EXPECT_EQ(uint32_t{PTP_MSG_SCRIPT}, RequestLine("key power on"));
+    unsigned char block[] = {'o', 'k'};
+    transfer->SetData(block, 2);
     EXPECT_EQ(0, channel.SendPTP());
-    EXPECT_EQ(0, vconf_sim_wait_idle(10000));
+    transfer->SetFile("/mnt/mmc/result.csv");
+    EXPECT_EQ(0, channel.SendPTP());
+    EXPECT_EQ("stream=ok file=/mnt/mmc/result.csv", takeAnswers());
     EXPECT_EQ(PTP_MSG_NONE, channel.GetPTPMessageType()) << "no duplicate request";
 }
 
 TEST_F(ProductionPTPTest, RequestFromAnotherProcessIsServedAndItsAnswerReadThere)
 {
-    const char* dir = std::getenv("PM_TEST_BINARY_DIR");
-    const std::string tool = std::string(dir != nullptr ? dir : ".") + "/tools/pmode-kv/pmode-kv";
+    const std::string tool = std::getenv("PM_TEST_BINARY_DIR") + std::string("/tools/pmode-kv/pmode-kv"); // always set
     ASSERT_TRUE(channel.Mount());
     // The PC's side, played by another process: it watches the answer keys and writes the request.
     const std::string keys = std::string(kAnswerKeys[0]) + " " + kAnswerKeys[1] + " " + kAnswerKeys[2];

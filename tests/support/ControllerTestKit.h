@@ -84,12 +84,6 @@ private:
     Action action;
 };
 
-/// Registers one worker per group (the registry deletes them at exit).
-inline void addWorkers(std::initializer_list<const char*> groups, const TestWorker::Action& action = nullptr)
-{
-    for (const char* group : groups) CWorkerFactory::GetInstance()->AddWorker(new TestWorker(group, action));
-}
-
 inline void recordAnswer(keynode_t* node, void*)
 {
     const std::string name = vconf_keynode_get_name(node);
