@@ -1,6 +1,7 @@
 // Host-link sessions driven through the simulated key-value store the way the factory
 // PC drives them: requests written to the request keys, answers read from the response keys.
 #include "ControllerTestKit.h"
+#include "pref_sim.h"
 
 #include <atomic>
 #include <cstdio>
@@ -10,11 +11,9 @@
 namespace {
 
 using namespace controller_test;
-using Calls = std::vector<std::string>;
 
 const std::string kDone = "Param3=0 Param2=0 Param1=10000000";
 const std::string kFailed = "Param3=0 Param2=1 Param1=10000002";
-const std::string kCisData = "Param3=0 Param2=0 Param1=10020002";
 
 class HostLinkRunTest : public ControllerTest {
 protected:
@@ -22,37 +21,29 @@ protected:
     {
         ControllerTest::SetUp();
         root.WriteFile("/mnt/mmc/info.tgw", "factory");
-        addWorkers({"LENS", "UI", "DD", "CAP", "ETC"}, [this](_tPM_Command& command) { return Serve(command); });
+        root.WriteFile(kPayload, "PAYLOAD-BYTES");
+        for (const char* group : {"LENS", "UI", "DD", "CAP", "ETC"}) { // the registry deletes them at exit
+            CWorkerFactory::GetInstance()->AddWorker(new TestWorker(group, [this](_tPM_Command& c) { return Serve(c); }));
+        }
     }
 
-    /// What the workers do besides logging, chosen by the first parameter: prepare their own
-    /// answer, write the strobe process mark given as third parameter, or start recording.
+    /// Besides logging, a worker writes the strobe process mark given as third parameter or starts recording.
     int Serve(_tPM_Command& command)
     {
         EXPECT_EQ(OP_TYPE_PTP, mode->GetOperationType());
-        if (whileServing) whileServing(command);
         if (failNext.exchange(false)) return -1;
         const std::string what = command.szParam[0];
-        static unsigned char block[] = "measured 12.5";
-        if (what == "respond") CPTPAdjInterface::GetInstance()->SetRespond(0x10000005, 7, 8);
-        if (what == "data") CPTPAdjInterface::GetInstance()->SetData(block, sizeof block - 1);
-        if (what == "file") CPTPAdjInterface::GetInstance()->SetFile("/mnt/mmc/capture.raw");
-        CAdjustDataManager* adjust = CAdjustDataManager::GetInstance();
-        if (what == "strobe") return adjust->SetData(11, command.szParam[2], 1, true) ? 0 : -1;
+        if (what == "strobe") return CAdjustDataManager::GetInstance()->SetData(11, command.szParam[2], 1, true) ? 0 : -1;
         const bool record = what == "create_file" && std::string(command.szParam[1]) == "on";
         return record && !mode->StartCreateFile(command.szParam[2]) ? -1 : 0;
     }
 
-    /// Initialize, Start, and wait until the channel listens: once subscribed it ignores a
-    /// protocol trigger of 0 with a trace.
+    /// Initialize, Start, and wait until the channel listens.
     void StartSession()
     {
         mode->Initialize();
         ASSERT_TRUE(mode->Start());
-        for (int tries = 0; tries < 1000 && !traced("PTPCommByProtocol No meanning message", 5ms); ++tries) {
-            vconf_set_int(kProtocolKeys[0], 0);
-        }
-        ASSERT_TRUE(traced("PTPCommByProtocol No meanning message")) << "the channel never subscribed";
+        ASSERT_TRUE(traced("vconf_add_chaged_cb success for key : memory/private/pmode_protocol1", 5s));
     }
 
     /// Sends a request and returns the answer ("" when none is complete within 5 s). A request is a
@@ -70,23 +61,15 @@ protected:
         } else {
             vconf_set_str(kScriptKey, request.c_str());
         }
-        const std::string answer = takeAnswers(true);
-        failNext = false;
-        return answer;
+        return takeAnswers(true);
     }
 
     std::atomic<bool> failNext{false};
-    std::function<void(_tPM_Command&)> whileServing;
 };
 
 TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
 {
-    // Line value 139 starts the host link without info.tgw.
-    std::remove(root.Host("/mnt/mmc/info.tgw").c_str());
-    CAdjustDataManager::GetInstance()->Initialize();
-    int enable = 1;
-    ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &enable, sizeof enable, true));
-    root.WriteFile(kPayload, "PAYLOAD-BYTES");
+    CAdjustDataManager::GetInstance()->Initialize(); // the workers write the strobe process mark
     root.WriteFile("/mnt/mmc/folder/keep", ""); // a directory where a record file should be
     ASSERT_EQ(0, symlink("/dev/full", root.Host("/mnt/mmc/full.txt").c_str())); // a full card
     StartSession();
@@ -100,33 +83,24 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
         {"op 10030000 1 2 0 0", kFailed, ""},
         {"lens init 1", kDone, "LENS: lens init 1"},
         {"key fail 2", kFailed, "UI: key fail 2"},
-        {"key respond 1", "Param3=8 Param2=7 Param1=10000005", "UI: key respond 1"},
-        {"display data 1", "stream=measured 12.5", "DD: display data 1"},
-        {"sound file 1", "file=/mnt/mmc/capture.raw", "DD: sound file 1"},
-        {"lens init 2", kDone, "LENS: lens init 2"},
-        // The strobe process mark the worker wrote decides the adjust result.
         {"line_process strobe flash_write &", "Param3=0 Param2=0 Param1=10000002",
          "CAP: line_process strobe flash_write &"},
         {"line_process strobe flash_write ^", kFailed, "CAP: line_process strobe flash_write ^"},
-        {"line_process strobe flash_write", kFailed, "CAP: line_process strobe flash_write"},
         {"line_process strobe flash_read &", kDone, "CAP: line_process strobe flash_read &"},
         // Nothing serves it, nothing is prepared: the values held are sent again.
         {"no_such_command x 1", kDone, ""},
-        // Operations run on the worker of the last script line; whenever nothing is prepared the
-        // values held are sent again, so each answer below differs from the one before it.
+        // Operations run on the worker of the last script line.
         {"line_process rtc 1", kDone, "DD: line_process rtc 1"},
         {"op 10030000 5 6 0 0", "Param3=0 Param2=10003 Param1=10000002", "DD: line_process rtc2 1 | 5 6 0 0"},
-        {"!op 10030000 5 6 0 0", kFailed, "DD: line_process rtc2 1 | 5 6 0 0"},
         {"shutter speed 1", kDone, "CAP: shutter speed 1"},
-        {"op 10011000 1 0 0 4", kDone, ""}, // the lower half of p1 is not 2
+        {"op 10011000 1 0 0 4", kDone, ""},      // the lower half of p1 is not 2
         {"op 10011000 30002 0 0 4", kFailed, ""}, // the upper half is above 2: a failed check
         {"op 10011000 10002 0 0 9", kDone, "CAP: shutter shutter_speed2 1 | 9 1 0 0 | PAYLOAD"},
         {"!op 10011000 20002 0 0 4", kFailed, "CAP: shutter shutter_speed2 1 | 4 2 0 0 | PAYLOAD"},
         {"line_process cis_data 0", kDone, "ETC: line_process cis_data 0"},
-        {"op 10021000 1 2 3 4", kCisData, "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},
+        {"op 10021000 1 2 3 4", "Param3=0 Param2=0 Param1=10020002", "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},
         {"line_process cis 0", kDone, "CAP: line_process cis 0"},
-        {"op 10021001 1 2 3 4", "Param3=0 Param2=0 Param1=10020000",
-         "CAP: line_process cis_data_info 0 | 1 2 3 4"},
+        {"op 10021001 1 2 3 4", "Param3=0 Param2=0 Param1=10020000", "CAP: line_process cis_data_info 0 | 1 2 3 4"},
         {"line_process paf 1", kDone, "CAP: line_process paf 1"},
         {"!op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
         {"op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
@@ -139,7 +113,6 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
         {"shutter_log a", kDone, ""},
         {"sys_14 b", kDone, ""},
         {"data create_file off", kDone, "DD: data create_file off"},
-        {"lens init 2", kDone, "LENS: lens init 2"},
         {"data create_file on folder", kDone, "DD: data create_file on folder"},
         {"adj_result 1 2", kFailed, ""}, // a failed check
         {"data create_file off", kDone, "DD: data create_file off"},
@@ -150,25 +123,25 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
     for (const Step& step : steps) {
         SCOPED_TRACE(step.request);
         EXPECT_EQ(step.answer, Exchange(step.request));
-        EXPECT_EQ(step.call.empty() ? Calls{} : Calls{step.call}, takeCalls());
+        EXPECT_EQ(step.call.empty() ? Lines{} : Lines{step.call}, calls(true));
     }
-    EXPECT_EQ(checksBefore + 3, pm::AssertionCount());
+    // Line data that cannot take the adjust result: a failed check, no answer of the worker's own.
+    pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
+    EXPECT_EQ(kDone, Exchange("line_process strobe flash_write &"));
+    EXPECT_EQ(checksBefore + 4, pm::AssertionCount());
     for (const char* trace : {"CMD FAIL: key, fail, 2", "Worker None: no_such_command, x, 1",
                               "Worker None: line_process, paf, 1", "File Open ERROR"}) {
         EXPECT_TRUE(traced(trace)) << trace;
     }
-    EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n",
-              root.ReadFile("/mnt/mmc/record.txt"));
+    EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n", root.ReadFile("/mnt/mmc/record.txt"));
     int stored = 0;
     ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
     EXPECT_EQ(PM_RESULT_FAIL, stored);
     // A name whose path would not fit is refused.
     EXPECT_FALSE(mode->StartCreateFile(std::string(55, 'n')));
     EXPECT_FALSE(mode->StartCreateFile(""));
-    EXPECT_FALSE(mode->IsCreatingFile());
     EXPECT_TRUE(mode->StartCreateFile(std::string(54, 'n')));
     EXPECT_TRUE(mode->IsCreatingFile());
-    EXPECT_TRUE(mode->IsActive());
     Finalize();
 }
 
@@ -188,43 +161,10 @@ TEST_F(HostLinkRunTest, FinalizeEndsTheLoopAtAnyMomentAndAChannelThatCannotSubsc
         Finalize();
     }
     StartSession();
-    EXPECT_FALSE(mode->IsActive()) << "waiting for the first message";
     Finalize();
     vconf_set_str(kScriptKey, "lens init 1");
     EXPECT_EQ(0, vconf_sim_wait_idle(2000));
-    EXPECT_TRUE(takeCalls().empty()) << "the channel no longer listens";
-}
-
-TEST_F(HostLinkRunTest, FinalizeWhileAPayloadIsServedKeepsItForTheWorker)
-{
-    // The worker blocks while it serves a payload; a script line waits for the channel;
-    // then Finalize stops the channel under both of them.
-    std::promise<void> serving, release;
-    std::shared_future<void> released = release.get_future().share();
-    std::string payloadSeen;
-    whileServing = [&](_tPM_Command& command) {
-        if (std::string(command.szParam[0]) != "cis_data2") return;
-        serving.set_value();
-        released.wait();
-        payloadSeen.assign(command.pData, 7);
-    };
-    StartSession();
-    root.WriteFile(kPayload, "PAYLOAD-BYTES");
-    ASSERT_EQ(kDone, Exchange("line_process cis_data 0"));
-    takeCalls();
-    auto answer = std::async(std::launch::async, [&] { return Exchange("op 10021000 1 2 3 4"); });
-    ASSERT_EQ(std::future_status::ready, serving.get_future().wait_for(5s));
-    vconf_set_str(kScriptKey, "line_process cis_data 1");
-    ASSERT_TRUE(traced("PTPCommByScript: waiting until the request in service is answered", 5s));
-    auto finalized = std::async(std::launch::async, [&] { mode->Finalize(); });
-    EXPECT_TRUE(traced("PTPCommByScript: channel stopped, request dropped", 5s));
-    ASSERT_EQ(0, vconf_sim_wait_idle(5000)) << "the waiting callback has left";
-    release.set_value();
-    ASSERT_EQ(std::future_status::ready, finalized.wait_for(5s)) << "Finalize did not return";
-    EXPECT_EQ("PAYLOAD", payloadSeen);
-    EXPECT_EQ(kCisData, answer.get()) << "the request in service is still answered";
-    EXPECT_EQ(Calls{"ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"}, takeCalls()) << "the waiting line is not run";
-    EXPECT_FALSE(mode->IsActive());
+    EXPECT_TRUE(calls().empty()) << "the channel no longer listens";
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #pragma once
-// Shared pieces of the controller's end-to-end tests: workers that log the commands they
-// get, a capture of the traces and of the answers written to the host link's keys, and the
-// fixture. The controller's and the store's threads write the log, the test reads it.
+// Shared pieces of the controller's end-to-end tests: workers that log the commands they get,
+// a capture of the traces and of the answers written to the host link's keys, and the fixture.
 
 #include "PMReport.h"
 #include "ProductionMode.h"
@@ -22,6 +21,7 @@
 namespace controller_test {
 
 using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
 
 constexpr const char* kScriptKey = "memory/private/pmode";
 constexpr const char* kProtocolKeys[5] = {"memory/private/pmode_protocol1", "memory/private/pmode_protocol2",
@@ -30,38 +30,28 @@ constexpr const char* kAnswerKeys[5] = {"memory/private/pmode_Param1", "memory/p
     "memory/private/pmode_Param3", "memory/private/pmode_stream", "memory/private/pmode_file"};
 constexpr const char* kPayload = "/var/run/memory/private/pmode_shutter_data";
 
-struct Log {
-    std::mutex mutex;
-    std::condition_variable changed;  ///< notified with every entry
-    std::vector<std::string> calls;   ///< "<worker>: <describe()>", in the order of Execute
-    std::vector<std::string> traces;  ///< every trace composed while captured
-    std::vector<std::string> answers; ///< "<key suffix>=<value>" per set of an answer key, integers in hex
-};
+// Written by the controller's and the store's threads, read by the test.
+inline std::mutex logMutex;
+inline std::condition_variable logChanged; ///< notified with every entry
+inline Lines loggedCalls;                  ///< "<worker>: <describe()>", in the order of Execute
+inline Lines loggedTraces;                 ///< every trace composed while captured
+inline Lines loggedAnswers;                ///< "<key suffix>=<value>" per set of an answer key, integers in hex
 
-inline Log& log()
-{
-    static Log instance;
-    return instance;
-}
-
-inline void record(std::vector<std::string> Log::*list, std::string entry)
+inline void record(Lines& list, std::string entry)
 {
     {
-        std::lock_guard<std::mutex> lock(log().mutex);
-        (log().*list).push_back(std::move(entry));
+        std::lock_guard<std::mutex> lock(logMutex);
+        list.push_back(std::move(entry));
     }
-    log().changed.notify_all();
+    logChanged.notify_all();
 }
 
-/// A copy of one of the log's lists; with `take` the list starts empty again.
-inline std::vector<std::string> listed(std::vector<std::string> Log::*list, bool take = false)
+/// The calls logged so far; with `take` the log of calls starts empty again.
+inline Lines calls(bool take = false)
 {
-    std::lock_guard<std::mutex> lock(log().mutex);
-    return take ? std::exchange(log().*list, {}) : log().*list;
+    std::lock_guard<std::mutex> lock(logMutex);
+    return take ? std::exchange(loggedCalls, {}) : loggedCalls;
 }
-
-inline std::vector<std::string> calls() { return listed(&Log::calls); }
-inline std::vector<std::string> takeCalls() { return listed(&Log::calls, true); }
 
 /// "name p0 p1 ...", then " | nArg0 nArg1 nArg2 nArg3" when an argument or data is set,
 /// then " | <first 7 data bytes>" when data is set.
@@ -77,8 +67,7 @@ inline std::string describe(const _tPM_Command& command)
     return text;
 }
 
-/// A worker registered under a group name: logs every command, fails (-1) when the first
-/// parameter is "fail", else answers with its action's result (0 without one).
+/// Logs every command; fails (-1) when the first parameter is "fail", else returns its action's result (0 without).
 class TestWorker : public IPModeWorker {
 public:
     using Action = std::function<int(_tPM_Command&)>;
@@ -86,7 +75,7 @@ public:
 
     int Execute(_tPM_Command* command) override
     {
-        record(&Log::calls, std::string(pszName) + ": " + describe(*command));
+        record(loggedCalls, std::string(pszName) + ": " + describe(*command));
         if (std::string(command->szParam[0]) == "fail") return -1;
         return action ? action(*command) : 0;
     }
@@ -95,19 +84,13 @@ private:
     Action action;
 };
 
-/// Registers one worker per group (the registry deletes them at exit).
-inline void addWorkers(std::initializer_list<const char*> groups, const TestWorker::Action& action = nullptr)
-{
-    for (const char* group : groups) CWorkerFactory::GetInstance()->AddWorker(new TestWorker(group, action));
-}
-
 inline void recordAnswer(keynode_t* node, void*)
 {
     const std::string name = vconf_keynode_get_name(node);
     char value[32];
     std::snprintf(value, sizeof value, "%x", static_cast<unsigned>(vconf_keynode_get_int(node)));
     const char* text = vconf_keynode_get_type(node) == VCONF_TYPE_INT ? value : vconf_keynode_get_str(node);
-    record(&Log::answers, name.substr(name.rfind('_') + 1) + "=" + (text != nullptr ? text : ""));
+    record(loggedAnswers, name.substr(name.rfind('_') + 1) + "=" + (text != nullptr ? text : ""));
 }
 
 /// The answer sets delivered so far, joined by " " ("Param3=0 Param2=1 Param1=10000002"). With
@@ -115,22 +98,22 @@ inline void recordAnswer(keynode_t* node, void*)
 inline std::string takeAnswers(bool whole = false)
 {
     if (!whole) vconf_sim_wait_idle(10000);
-    std::unique_lock<std::mutex> lock(log().mutex);
-    log().changed.wait_for(lock, whole ? 5s : 0s, [] {
-        const std::string last = log().answers.empty() ? "Param2=" : log().answers.back();
+    std::unique_lock<std::mutex> lock(logMutex);
+    logChanged.wait_for(lock, whole ? 5s : 0s, [] {
+        const std::string last = loggedAnswers.empty() ? "Param2=" : loggedAnswers.back();
         return last.rfind("Param2=", 0) != 0 && last.rfind("Param3=", 0) != 0;
     });
     std::string joined;
-    for (const std::string& answer : std::exchange(log().answers, {})) joined += (joined.empty() ? "" : " ") + answer;
+    for (const std::string& answer : std::exchange(loggedAnswers, {})) joined += (joined.empty() ? "" : " ") + answer;
     return joined;
 }
 
 /// Whether a trace containing `part` has been composed, waiting for one up to `wait`.
 inline bool traced(const std::string& part, std::chrono::milliseconds wait = 0ms)
 {
-    std::unique_lock<std::mutex> lock(log().mutex);
-    return log().changed.wait_for(lock, wait, [&] {
-        return std::any_of(log().traces.begin(), log().traces.end(),
+    std::unique_lock<std::mutex> lock(logMutex);
+    return logChanged.wait_for(lock, wait, [&] {
+        return std::any_of(loggedTraces.begin(), loggedTraces.end(),
                            [&](const std::string& trace) { return trace.find(part) != std::string::npos; });
     });
 }
@@ -138,8 +121,11 @@ inline bool traced(const std::string& part, std::chrono::milliseconds wait = 0ms
 /// Empties the log and captures the traces.
 inline void startLog()
 {
-    for (auto list : {&Log::calls, &Log::traces, &Log::answers}) listed(list, true);
-    pm::SetTraceSink([](const char* text) { record(&Log::traces, text); });
+    for (Lines* list : {&loggedCalls, &loggedTraces, &loggedAnswers}) {
+        std::lock_guard<std::mutex> lock(logMutex);
+        list->clear();
+    }
+    pm::SetTraceSink([](const char* text) { record(loggedTraces, text); });
 }
 
 /// A fresh device root, an empty log, the traces and the answers captured.
