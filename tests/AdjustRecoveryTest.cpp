@@ -60,23 +60,22 @@ protected:
         EXPECT_EQ(Bytes({0xEE, 0xFF, 0xC0, 0}), ItemBytes(ADJUST_CIS_SN));
     }
 
-    // Runs op (after prepare) once clean and then once per fault point of its file
-    // operations: that operation failing once, failing from there on, or the process
-    // killed there. Each time NAND must hold the old or the new image, and check (told
-    // whether the process was killed and whether NAND holds the new image) judges the rest.
-    void Sweep(const char* what, const std::function<void()>& prepare, const std::function<void()>& op,
+    // Runs op (after prepare) clean, then with each fault point of its file operations
+    // failing once, failing from there on, or killing the process. NAND must hold the old
+    // or the new image; check(killed, newImage) judges the rest.
+    void Sweep(const std::function<void()>& prepare, const std::function<void()>& op,
                const std::function<void(bool killed, bool newImage)>& check)
     {
+        using filefaults::Action;
         prepare();
         const std::string oldImage = nandImage();
-        filefaults::Arm(filefaults::Action::Count);
+        filefaults::Arm(Action::Count);
         op();
         filefaults::Disarm();
         const std::vector<long> points = filefaults::SweepPoints(filefaults::Names());
         const std::string newImage = nandImage();
         check(false, true);
         long runs = 0;
-        using filefaults::Action;
         for (Action action : {Action::FailOnce, Action::FailFrom, Action::Kill}) {
             for (long at : points) {
                 SCOPED_TRACE("action " + std::to_string(static_cast<int>(action)) + " at " + std::to_string(at));
@@ -98,7 +97,6 @@ protected:
                 check(action == Action::Kill, nand == newImage);
             }
         }
-        std::cout << what << ": " << runs << " fault points\n";
         EXPECT_GT(runs, 10);
     }
 
@@ -252,7 +250,7 @@ TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
         uint32_t value = 0xA5A5F00D;
         answered = manager->SetData(ADJUST_CIS_SN, &value, 4, true);
     };
-    Sweep("synced SetData", prepare, op, [&](bool killed, bool newImage) {
+    Sweep(prepare, op, [&](bool killed, bool newImage) {
         EXPECT_TRUE(newImage || !answered) << "acknowledged but not on NAND";
         std::map<int, Bytes> expected = ExpectedValues(CatalogueWithPatterns());
         if (newImage) expected[ADJUST_CIS_SN] = Bytes{0x0D, 0xF0, 0xA5, 0xA5};
@@ -273,7 +271,7 @@ TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
 TEST_F(AdjustRecoveryTest, StartUpReArrangementSurvivesAFaultAtEveryFileOperation)
 {
     const std::map<int, Bytes> expected = ExpectedValues(StoreNeedingEveryKindOfChange());
-    Sweep("start-up re-arrangement", [] { PutOnNand(StoreNeedingEveryKindOfChange()); }, [] { manager->Initialize(); },
+    Sweep([] { PutOnNand(StoreNeedingEveryKindOfChange()); }, [] { manager->Initialize(); },
           [&](bool killed, bool) {
               if (!killed && manager->find(ADJUST_CIS_SN) != nullptr) {
                   EXPECT_EQ("", StoreProblem(expected)) << "the manager serves the right values or nothing";
