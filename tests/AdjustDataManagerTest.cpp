@@ -80,7 +80,7 @@ TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEvery
     for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) EXPECT_EQ(id, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_ID));
 }
 
-TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefused)
+TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndCallsThatCannotBeServedAnswerFalseAndTouchNothing)
 {
     uint8_t buffer[8] = {};
     EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, buffer, 4)) << "before Initialize";
@@ -98,6 +98,18 @@ TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefuse
     EXPECT_EQ(Bytes({0xD4, 0xC3, 0}), Bytes(buffer, buffer + 3));
     EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, buffer, 8)) << "more than the item holds";
     EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, buffer, 8, true));
+    EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, nullptr, 4));
+    EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, nullptr, 4, true));
+    EXPECT_TRUE(manager->GetData(ADJUST_WIFI_COUNTRY_CODE, nullptr, 0)) << "nothing asked, nothing copied";
+    std::string unwritable = "/no/such/dir/adjust.dump";
+    EXPECT_FALSE(manager->DumpData2File(unwritable.data()));
+    pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
+    EXPECT_FALSE(manager->ResetData(140));
+    int32_t value = 0x1234;
+    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
+    EXPECT_FALSE(manager->GetData(139, &value, 4));
+    EXPECT_FALSE(manager->GetData(144, &value, 4));
+    EXPECT_EQ(0x1234, value);
 }
 
 TEST_F(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCountryTable)
@@ -132,10 +144,8 @@ TEST_F(AdjustDataManagerTest, LineValuesHaveTheirOwnKeysNeedNoInitializeAndOnlyS
     int32_t value = 0;
     EXPECT_TRUE(manager->GetData(139, &value, 4)) << "line values need no Initialize";
     EXPECT_EQ(0, value);
-    for (int32_t id = 134; id < 144; ++id) ASSERT_TRUE(manager->SetData(id, &id, 4, false)) << id;
     for (int32_t id = 134; id < 144; ++id) {
-        EXPECT_TRUE(manager->GetData(id, &value, 4));
-        EXPECT_EQ(id, value);
+        ASSERT_TRUE(manager->SetData(id, &id, 4, false)) << id;
         EXPECT_EQ(id, pref_get_long(1, 8 + 4 * (id - 134))) << id;
     }
     EXPECT_EQ(0, pref_get_long(1, 0) | pref_get_long(1, 4)) << "the first 8 bytes are not line data";

@@ -203,23 +203,6 @@ TEST_F(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItK
     }
 }
 
-TEST_F(AdjustRecoveryTest, CallsThatCannotBeServedAnswerFalseAndTouchNothing)
-{
-    manager->Initialize();
-    EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, nullptr, 4));
-    EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, nullptr, 4, true));
-    EXPECT_TRUE(manager->GetData(ADJUST_WIFI_COUNTRY_CODE, nullptr, 0)) << "nothing asked, nothing copied";
-    std::string unwritable = "/no/such/dir/adjust.dump";
-    EXPECT_FALSE(manager->DumpData2File(unwritable.data()));
-    pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
-    EXPECT_FALSE(manager->ResetData(140));
-    int32_t value = 0x1234;
-    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
-    EXPECT_FALSE(manager->GetData(139, &value, 4));
-    EXPECT_FALSE(manager->GetData(144, &value, 4));
-    EXPECT_EQ(0x1234, value);
-}
-
 TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
 {
     bool answered = false;
