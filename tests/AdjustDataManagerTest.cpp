@@ -13,20 +13,16 @@
 #include <thread>
 
 using namespace adjtest;
+using testing::AllOf;
 using testing::HasSubstr;
 
 namespace {
 
 class AdjustDataManagerTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        MakeDeviceDirs(root);
-        root.WriteFile("/mnt/mmc/.keep", "");
-    }
+    void SetUp() override { MakeDeviceDirs(root); }
 
     std::string writeLog() const { return root.ReadFile("/mnt/ubi1/log/adj_log.inf"); }
-    void setCountry(uint16_t code) { ASSERT_TRUE(manager->SetData(ADJUST_SHIPMENT_COUNTRY, &code, 2, true)); }
 
     /// A 2.4 MB table written deferred and a serial number synced, both after seed.
     void writeSomeValues(uint8_t seed)
@@ -44,6 +40,14 @@ protected:
         return values;
     }
 
+    /// What `run` prints to standard output.
+    template <class Run> static std::string Printed(Run run)
+    {
+        testing::internal::CaptureStdout();
+        run();
+        return testing::internal::GetCapturedStdout();
+    }
+
     TestRoot root;
     CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
 };
@@ -52,9 +56,6 @@ TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEvery
 {
     manager->Initialize();
     EXPECT_EQ("", StoreProblem(ExpectedValues({})));
-    char code[3] = {};
-    ASSERT_TRUE(manager->GetData(ADJUST_5GHZ_WIFI_CONTRY_CODE, code, sizeof(code)));
-    EXPECT_STREQ("00", code);
     uint16_t clamp = 0x0BEE, seen = 0;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_CLAMP_LEVEL, &clamp, 2, false));
     ASSERT_TRUE(manager->GetData(ADJUST_CIS_CLAMP_LEVEL, &seen, 2));
@@ -69,10 +70,9 @@ TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEvery
     EXPECT_EQ(changeLog, root.ReadFile("/adj/AdjLog.txt"));
     EXPECT_EQ(logged, writeLog());
     EXPECT_THAT(changeLog, HasSubstr("#New ADJUST_GYRO_DSP_THERM\n"));
-    EXPECT_THAT(logged, testing::AllOf(HasSubstr("makeAdjustHeaderInfo(): start [sync] \n"),
-                                       HasSubstr("makeAdjustHeaderInfo(): sync done \n"),
-                                       HasSubstr("SetData(): ADJUST_CIS_CLAMP_LEVEL, 2  \n"), HasSubstr("SetData(): done \n"),
-                                       HasSubstr("SetData(): ADJUST_CIS_SN, 4 [sync] \n"), HasSubstr("SetData(): sync done \n")));
+    EXPECT_THAT(logged, AllOf(HasSubstr("makeAdjustHeaderInfo(): start [sync] \n"), HasSubstr("makeAdjustHeaderInfo(): sync done \n"),
+                              HasSubstr("SetData(): ADJUST_CIS_CLAMP_LEVEL, 2  \n"), HasSubstr("SetData(): done \n"),
+                              HasSubstr("SetData(): ADJUST_CIS_SN, 4 [sync] \n"), HasSubstr("SetData(): sync done \n")));
     std::map<int, Bytes> expected = ExpectedValues({});
     expected[ADJUST_CIS_CLAMP_LEVEL] = {0xEE, 0x0B};
     expected[ADJUST_CIS_SN] = {0x78, 0x56, 0x34, 0x12};
@@ -80,7 +80,7 @@ TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEvery
     for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) EXPECT_EQ(id, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_ID));
 }
 
-TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefused)
+TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndCallsThatCannotBeServedAnswerFalseAndTouchNothing)
 {
     uint8_t buffer[8] = {};
     EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, buffer, 4)) << "before Initialize";
@@ -91,7 +91,6 @@ TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefuse
     EXPECT_EQ(nullptr, manager->find("ADJUST_NO_SUCH_ITEM"));
     EXPECT_EQ(manager->find(ADJUST_CIS_SN), manager->find("ADJUST_CIS_SN"));
     EXPECT_FALSE(manager->GetData(-1, buffer, 1));
-    EXPECT_FALSE(manager->GetData(133, buffer, 1));
     EXPECT_FALSE(manager->SetData(133, buffer, 1, true));
     uint32_t serial = 0xA1B2C3D4;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
@@ -99,6 +98,18 @@ TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndBadIdsOrLengthsAreRefuse
     EXPECT_EQ(Bytes({0xD4, 0xC3, 0}), Bytes(buffer, buffer + 3));
     EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, buffer, 8)) << "more than the item holds";
     EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, buffer, 8, true));
+    EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, nullptr, 4));
+    EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, nullptr, 4, true));
+    EXPECT_TRUE(manager->GetData(ADJUST_WIFI_COUNTRY_CODE, nullptr, 0)) << "nothing asked, nothing copied";
+    std::string unwritable = "/no/such/dir/adjust.dump";
+    EXPECT_FALSE(manager->DumpData2File(unwritable.data()));
+    pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
+    EXPECT_FALSE(manager->ResetData(140));
+    int32_t value = 0x1234;
+    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
+    EXPECT_FALSE(manager->GetData(139, &value, 4));
+    EXPECT_FALSE(manager->GetData(144, &value, 4));
+    EXPECT_EQ(0x1234, value);
 }
 
 TEST_F(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCountryTable)
@@ -112,15 +123,15 @@ TEST_F(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCount
         int id;
         Bytes answer; // empty: refused
     } cases[] = {
-        {55, ADJUST_DEFAULT_LANGUAGE, {1, 0, 0, 0}},      {2, ADJUST_DEFAULT_LANGUAGE, {28, 0, 0, 0}},
-        {55, ADJUST_DEFAULT_QWERTY, {2, 0, 0, 0}},        {2, ADJUST_ADDITIONAL_LANGUAGE, {3, 0, 0, 0}},
-        {132, ADJUST_WIFI_SNS_GATEWAY, {1, 0, 0, 0}},     {142, ADJUST_WIFI_COUNTRY_CHANNEL, {13, 0, 0, 0}},
-        {55, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'K', 'R', 0}}, {0, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'0', '0', 0}},
-        {143, ADJUST_DEFAULT_LANGUAGE, {}},               {65535, ADJUST_5GHZ_WIFI_CONTRY_CODE, {}},
+        {55, ADJUST_DEFAULT_LANGUAGE, {1, 0, 0, 0}},       {55, ADJUST_DEFAULT_QWERTY, {2, 0, 0, 0}},
+        {2, ADJUST_ADDITIONAL_LANGUAGE, {3, 0, 0, 0}},     {132, ADJUST_WIFI_SNS_GATEWAY, {1, 0, 0, 0}},
+        {142, ADJUST_WIFI_COUNTRY_CHANNEL, {13, 0, 0, 0}}, {55, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'K', 'R', 0}},
+        {0, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'0', '0', 0}},  {143, ADJUST_DEFAULT_LANGUAGE, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("country " + std::to_string(c.country) + ", item " + std::to_string(c.id));
-        setCountry(c.country);
+        uint16_t country = c.country;
+        ASSERT_TRUE(manager->SetData(ADJUST_SHIPMENT_COUNTRY, &country, 2, true));
         Bytes answer(8, 0xEE), expected = c.answer;
         expected.resize(8, 0xEE); // a wide buffer gets the answer and nothing more
         EXPECT_EQ(!c.answer.empty(), manager->GetData(c.id, answer.data(), answer.size()));
@@ -130,19 +141,12 @@ TEST_F(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCount
 
 TEST_F(AdjustDataManagerTest, LineValuesHaveTheirOwnKeysNeedNoInitializeAndOnlySavedOnesSurvive)
 {
-    auto valueOf = [](int32_t id) { return id % 2 == 0 ? id * 1000 : -id; };
     int32_t value = 0;
     EXPECT_TRUE(manager->GetData(139, &value, 4)) << "line values need no Initialize";
     EXPECT_EQ(0, value);
     for (int32_t id = 134; id < 144; ++id) {
-        value = valueOf(id);
-        ASSERT_TRUE(manager->SetData(id, &value, 4, false)) << id;
-        EXPECT_EQ(8ul + 4 * (id - 134), pm::line::getLineDataOffset(id)) << id;
-    }
-    for (int32_t id = 134; id < 144; ++id) {
-        EXPECT_TRUE(manager->GetData(id, &value, 4));
-        EXPECT_EQ(valueOf(id), value) << id;
-        EXPECT_EQ(valueOf(id), pref_get_long(1, 8 + 4 * (id - 134))) << id;
+        ASSERT_TRUE(manager->SetData(id, &id, 4, false)) << id;
+        EXPECT_EQ(id, pref_get_long(1, 8 + 4 * (id - 134))) << id;
     }
     EXPECT_EQ(0, pref_get_long(1, 0) | pref_get_long(1, 4)) << "the first 8 bytes are not line data";
     EXPECT_EQ(0, pref_sim_save_count(1)) << "nothing saved without sync";
@@ -154,9 +158,9 @@ TEST_F(AdjustDataManagerTest, LineValuesHaveTheirOwnKeysNeedNoInitializeAndOnlyS
     EXPECT_FALSE(manager->SetData(139, &value, 2, true)) << "line values are 4 bytes";
     EXPECT_FALSE(manager->GetData(139, &value, 2));
     EXPECT_THAT(writeLog(), HasSubstr("SetData(): LINE_CONTROL_NEXT_STEP, 4 value = 12 [sync] \n"));
-    EXPECT_THAT(writeLog(), testing::Not(HasSubstr("value = -137"))) << "id 137 is not logged";
+    EXPECT_THAT(writeLog(), testing::Not(HasSubstr("value = 137"))) << "id 137 is not logged";
     Restart();
-    for (auto [id, expected] : {std::pair{135, 12}, {137, -137}, {139, -139}}) {
+    for (auto [id, expected] : {std::pair{135, 12}, {139, 139}}) {
         EXPECT_TRUE(manager->GetData(id, &value, 4));
         EXPECT_EQ(expected, value) << id << ": what was saved with 135, not the unsaved 1";
     }
@@ -168,48 +172,35 @@ TEST_F(AdjustDataManagerTest, LineValuesHaveTheirOwnKeysNeedNoInitializeAndOnlyS
     EXPECT_EQ(0ul, pm::AssertionCount());
 }
 
-TEST_F(AdjustDataManagerTest, WrongLineIdsAndFailingLineStoreStepsAreReported)
+TEST_F(AdjustDataManagerTest, WrongLineIdsAndFailingLineStoreStepsAreReportedAndAnswerFalse)
 {
-    bool loaded = false;
-    for (int id : {133, 144}) {
-        SCOPED_TRACE("id " + std::to_string(id));
-        const unsigned long before = pm::AssertionCount();
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(0, pm::line::readLineData(loaded, id));
-        EXPECT_FALSE(pm::line::writeLineData(loaded, id, 5, true));
-        EXPECT_EQ(0ul, pm::line::getLineDataOffset(id));
-        EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                    testing::AllOf(HasSubstr("Wrong Line ID " + std::to_string(id)),
-                                   HasSubstr("Assertion Failed! --- File lib/production-util/src/LineData.cpp")));
-        EXPECT_EQ(before + 3, pm::AssertionCount());
-    }
-    EXPECT_EQ(0, pref_sim_save_count(1));
-
+    int32_t value = 9;
     pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
-    loaded = false;
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(pm::line::writeLineData(loaded, 136, 9, false));
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                testing::AllOf(HasSubstr("Error to load PREF_ID_LINE"), HasSubstr("Assertion Failed!")));
-    EXPECT_FALSE(loaded);
-    EXPECT_TRUE(pm::line::writeLineData(loaded, 136, 9, false)) << "the next access loads again";
+    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(136, &value, 4, false)); }),
+                AllOf(HasSubstr("Error to load PREF_ID_LINE"), HasSubstr("Assertion Failed!")));
+    EXPECT_TRUE(manager->SetData(136, &value, 4, true)) << "the next access loads again";
     pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
-    EXPECT_EQ(9, pm::line::readLineData(loaded, 136)) << "loaded once: the failing load is never reached";
-    pref_sim_reset();
+    EXPECT_TRUE(manager->GetData(136, &value, 4)) << "loaded once: the failing load is never reached";
+    pref_sim_fail_next(PREF_SIM_OP_LOAD, 0);
+    const unsigned long before = pm::AssertionCount();
+    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(144, &value, 4, true)); }),
+                AllOf(HasSubstr("Wrong Line ID 144"), HasSubstr("Assertion Failed! --- File lib/production-util/src/LineData.cpp")));
+    EXPECT_EQ(before + 1, pm::AssertionCount());
     pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(pm::line::writeLineData(loaded, 137, 94, true));
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("Error to set Line Data [137, 14]"));
-    EXPECT_EQ(0, pref_sim_save_count(1)) << "a failed set is not saved";
-    EXPECT_EQ(0, pm::line::readLineData(loaded, 137));
+    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(137, &value, 4, true)); }),
+                HasSubstr("Error to set Line Data [137, 14]"));
+    EXPECT_EQ(1, pref_sim_save_count(1)) << "a failed set is not saved";
+    EXPECT_TRUE(manager->GetData(137, &value, 4));
+    EXPECT_EQ(0, value);
+    value = 21;
     pref_sim_fail_next(PREF_SIM_OP_SAVE, 1);
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(pm::line::writeLineData(loaded, 135, 21, true));
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("Error to save Line Data [135]"));
-    EXPECT_EQ(21, pm::line::readLineData(loaded, 135)) << "the value stays in memory";
-    pref_sim_forget_images();
-    loaded = false;
-    EXPECT_EQ(0, pm::line::readLineData(loaded, 135)) << "but never reached NAND";
+    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(135, &value, 4, true)); }),
+                HasSubstr("Error to save Line Data [135]"));
+    EXPECT_TRUE(manager->GetData(135, &value, 4));
+    EXPECT_EQ(21, value) << "the value stays in memory";
+    Restart();
+    EXPECT_TRUE(manager->GetData(135, &value, 4));
+    EXPECT_EQ(0, value) << "but never reached NAND";
 }
 
 TEST_F(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce)
@@ -219,8 +210,6 @@ TEST_F(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce
     ASSERT_TRUE(manager->SetData(ADJUST_PS_PULSE_COUNT, &pulses, 2, true));
     ASSERT_TRUE(manager->ResetData(ADJUST_PS_PULSE_COUNT));
     EXPECT_EQ(DefaultBytes(ADJUST_PS_PULSE_COUNT), ItemBytes(ADJUST_PS_PULSE_COUNT));
-    uint32_t serial = 1234;
-    ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
     manager->Finalize(); // without items the whole group goes back to its defaults, on NAND too
     const int saves = pref_sim_save_count(kAdjustGroup);
     EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN));
@@ -236,10 +225,9 @@ TEST_F(AdjustDataManagerTest, AreasThatCannotBeMountedAreRebuiltAndACorruptMarke
 {
     const struct {
         const char* name;
-        long headerLength, bodyLength; // -1: the marker byte is cleared instead
-    } cases[] = {{"header past its capacity", 51340, 100}, {"negative body", 280, -4},
-                 {"empty body under records", 280, 0},      {"body past its capacity", 280, 5242881},
-                 {"marker byte cleared", -1, -1}};
+        long headerLength, bodyLength; // header -1: the marker byte is cleared instead
+    } cases[] = {{"header past its capacity", 51340, 100}, {"negative body", 280, -4}, {"empty body under records", 280, 0},
+                 {"body past its capacity", 280, 5242881}, {"marker byte cleared", -1, -1}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         manager->Finalize();
@@ -262,7 +250,7 @@ TEST_F(AdjustDataManagerTest, LoadGivesBackEveryDumpedValueAndSavesItAndRefusedF
     manager->Initialize();
     writeSomeValues(3);
     const std::map<int, Bytes> dumped = AllItemBytes();
-    std::string good = "/mnt/mmc/good.dump", bad = "/mnt/mmc/bad.dump", missing = "/mnt/mmc/none.dump";
+    std::string good = "/mnt/ubi1/good.dump", bad = "/mnt/ubi1/bad.dump", missing = "/mnt/ubi1/none.dump";
     ASSERT_TRUE(manager->DumpData2File(good.data()));
     const std::string image = root.ReadFile(good);
     ASSERT_GT(image.size(), 5294098u);
@@ -299,13 +287,13 @@ TEST_F(AdjustDataManagerTest, LoadOfAnOlderDumpAddsTheMissingItemWithItsDefault)
     std::vector<StoredItem> older = CatalogueWithPatterns();
     older.erase(older.begin() + ADJUST_PS_DUTY_RATIO);
     WriteStore(older);
-    ASSERT_LE(0, pref_save_to_file(kAdjustGroup, "/mnt/mmc/older.dump"));
+    std::string path = "/mnt/ubi1/older.dump";
+    ASSERT_LE(0, pref_save_to_file(kAdjustGroup, path.c_str()));
     pref_reset(kAdjustGroup); // the camera itself holds a current store with other values
     pref_save(kAdjustGroup);
     pref_sim_forget_images();
     manager->Initialize();
     writeSomeValues(5);
-    std::string path = "/mnt/mmc/older.dump";
     ASSERT_TRUE(manager->LoadDataFromFile(path.data()));
     EXPECT_EQ("", StoreProblem(ExpectedValues(older)));
     Restart();
@@ -335,11 +323,10 @@ TEST_F(AdjustDataManagerTest, ConcurrentCallersNeverSeeATornValue)
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(0, torn.load());
     EXPECT_EQ(0, failed.load());
-    uint8_t last[32];
-    ASSERT_TRUE(manager->GetData(ADJUST_CIS_LOT_NUMBER, last, sizeof(last)));
-    ASSERT_TRUE(manager->SetData(ADJUST_CHECKSUM1, last, 1, true));
+    Bytes last = ItemBytes(ADJUST_CIS_LOT_NUMBER);
+    ASSERT_TRUE(manager->SetData(ADJUST_CHECKSUM1, last.data(), 1, true));
     Restart();
-    EXPECT_EQ(Bytes(last, last + 32), ItemBytes(ADJUST_CIS_LOT_NUMBER));
+    EXPECT_EQ(last, ItemBytes(ADJUST_CIS_LOT_NUMBER));
 }
 
 } // namespace

@@ -49,10 +49,10 @@ protected:
         return result;
     }
 
-    static std::string numberedLines(int from, int count)
+    static std::string numberedLines(int count)
     {
         std::string text;
-        for (int i = from; i < from + count; ++i) text += std::to_string(i) + "#line " + std::to_string(i) + "\n";
+        for (int i = 1; i <= count; ++i) text += std::to_string(i) + "#line " + std::to_string(i) + "\n";
         return text;
     }
 
@@ -87,12 +87,11 @@ TEST_F(AdjustLogMachineTest, IndexContinuesFromTheLastLineTurnedOnOrOff)
         std::string content;
         const char* next;
     } cases[] = {
-        {"41#something\n", "42"},                             {"3#a\n41#something\n", "42"},
-        {"7#a#b\n", "8"},                                     {"12#ok\nno index here\n", "13"},
-        {"000000000000000000000000000041#thirty digits\n", "42"}, {"0000000000000000000000000000041#31 digits\n", "1"},
-        {"-5#negative\n", "1"},                               {"99999999999#too large for an index\n", "1"},
-        {"abc#not a number\n", "1"},                          {"no hash at all\n\n\n", "1"},
-        {"", "1"},                                            {std::string("5#a\n\0\0\x01\xff binary\n", 16), "6"},
+        {"3#a\n41#something\n", "42"},       {"7#a#b\n", "8"},
+        {"12#ok\nno index here\n", "13"},    {"000000000000000000000000000041#thirty digits\n", "42"},
+        {"0000000000000000000000000000041#31 digits\n", "1"}, {"-5#negative\n", "1"},
+        {"99999999999#too large for an index\n", "1"},       {"no hash at all\n\n\n", "1"},
+        {"", "1"},                              {std::string("5#a\n\0\0\x01\xff binary\n", 16), "6"},
     };
     for (bool turnedOn : {false, true}) {
         for (const auto& c : cases) {
@@ -101,18 +100,13 @@ TEST_F(AdjustLogMachineTest, IndexContinuesFromTheLastLineTurnedOnOrOff)
             if (turnedOn) log->TurnOn();
             EXPECT_TRUE(log->Log("next"));
             EXPECT_EQ(std::string(c.next) + "#next", lines().back());
+            std::filesystem::remove(root.Host(kLog));
+            EXPECT_TRUE(log->Log("again"));
+            EXPECT_EQ(turnedOn ? std::to_string(std::stoi(c.next) + 1) + "#again\n" : "1#again\n", root.ReadFile(kLog))
+                << "turned on the index lives in memory, turned off every record reads the file afresh";
             log->TurnOff();
         }
     }
-    root.WriteFile(kLog, "41#something\n");
-    log->TurnOn();
-    std::filesystem::remove(root.Host(kLog));
-    EXPECT_TRUE(log->Log("kept"));
-    EXPECT_EQ("42#kept\n", root.ReadFile(kLog)) << "the index lives in memory while turned on";
-    log->TurnOff();
-    std::filesystem::remove(root.Host(kLog));
-    EXPECT_TRUE(log->Log("fresh"));
-    EXPECT_EQ("1#fresh\n", root.ReadFile(kLog)) << "turned off, every record reads the file afresh";
 }
 
 TEST_F(AdjustLogMachineTest, FileStaysAt256Lines)
@@ -121,11 +115,10 @@ TEST_F(AdjustLogMachineTest, FileStaysAt256Lines)
         bool turnedOn;
         int lines, records;
         const char* first;
-    } cases[] = {{false, 256, 3, "4#line 4"}, {true, 256, 3, "4#line 4"}, {false, 255, 1, "1#line 1"},
-                 {true, 250, 10, "5#line 5"}}; // turned on, the lines written count as well
+    } cases[] = {{false, 256, 3, "4#line 4"}, {false, 255, 1, "1#line 1"}, {true, 250, 10, "5#line 5"}}; // turned on, the lines written count as well
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.lines) + " lines" + (c.turnedOn ? ", turned on" : ""));
-        root.WriteFile(kLog, numberedLines(1, c.lines));
+        root.WriteFile(kLog, numberedLines(c.lines));
         if (c.turnedOn) log->TurnOn();
         for (int record = 0; record < c.records; ++record) EXPECT_TRUE(log->Log("new %d", record));
         const std::vector<std::string> written = lines();
@@ -165,14 +158,14 @@ TEST_F(AdjustLogMachineTest, ItemFormWritesBaseRecordsBeforeTheMainOneUnderOneIn
               root.ReadFile(kLog));
 
     // Past 255 lines: one line removed per base item given and one for the main record.
-    root.WriteFile(kLog, numberedLines(1, 256));
+    root.WriteFile(kLog, numberedLines(256));
     EXPECT_TRUE(log->Log(main.get(), base.get(), nullptr, nullptr));
     std::vector<std::string> written = lines();
     ASSERT_EQ(256u, written.size());
     EXPECT_EQ("3#line 3", written.front());
     EXPECT_EQ(0u, written[254].find("257#[BASE1]"));
     EXPECT_EQ(0u, written[255].find("257#[MAIN]"));
-    root.WriteFile(kLog, numberedLines(1, 256));
+    root.WriteFile(kLog, numberedLines(256));
     EXPECT_TRUE(log->Log(nullptr, nullptr, base.get(), nullptr));
     written = lines();
     EXPECT_EQ(255u, written.size()) << "the absent main record still removes a line";

@@ -52,31 +52,22 @@ protected:
         pref_sim_forget_images();
     }
 
-    static void ExpectSyncedWriteSurvivesARestart()
-    {
-        uint32_t value = 0xC0FFEE;
-        ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &value, 4, true));
-        Restart();
-        EXPECT_EQ(Bytes({0xEE, 0xFF, 0xC0, 0}), ItemBytes(ADJUST_CIS_SN));
-    }
-
-    // Runs op (after prepare) once clean and then once per fault point of its file
-    // operations: that operation failing once, failing from there on, or the process
-    // killed there. Each time NAND must hold the old or the new image, and check (told
-    // whether the process was killed and whether NAND holds the new image) judges the rest.
-    void Sweep(const char* what, const std::function<void()>& prepare, const std::function<void()>& op,
+    // Runs op (after prepare) clean, then with each fault point of its file operations
+    // failing once, failing from there on, or killing the process. NAND must hold the old
+    // or the new image; check(killed, newImage) judges the rest.
+    void Sweep(const std::function<void()>& prepare, const std::function<void()>& op,
                const std::function<void(bool killed, bool newImage)>& check)
     {
+        using filefaults::Action;
         prepare();
         const std::string oldImage = nandImage();
-        filefaults::Arm(filefaults::Action::Count);
+        filefaults::Arm(Action::Count);
         op();
         filefaults::Disarm();
         const std::vector<long> points = filefaults::SweepPoints(filefaults::Names());
         const std::string newImage = nandImage();
         check(false, true);
         long runs = 0;
-        using filefaults::Action;
         for (Action action : {Action::FailOnce, Action::FailFrom, Action::Kill}) {
             for (long at : points) {
                 SCOPED_TRACE("action " + std::to_string(static_cast<int>(action)) + " at " + std::to_string(at));
@@ -98,7 +89,6 @@ protected:
                 check(action == Action::Kill, nand == newImage);
             }
         }
-        std::cout << what << ": " << runs << " fault points\n";
         EXPECT_GT(runs, 10);
     }
 
@@ -109,23 +99,21 @@ TEST_F(AdjustRecoveryTest, SyncedWriteThatIsNotSavedAnswersFalseAndLeavesTheSave
 {
     PutOnNand(CatalogueWithPatterns());
     manager->Initialize();
-    const std::function<void()> faults[] = {[] { pref_sim_fail_next(PREF_SIM_OP_SAVE, 1); },
-                                            [] { pref_sim_set_disk_full(1); }};
-    for (const auto& fault : faults) {
-        SCOPED_TRACE(&fault == &faults[0] ? "the save fails once" : "NAND is full");
+    for (bool diskFull : {false, true}) {
+        SCOPED_TRACE(diskFull ? "NAND is full" : "the save fails once");
         const unsigned long assertions = pm::AssertionCount();
-        const std::string writeLog = root.ReadFile("/mnt/ubi1/log/adj_log.inf");
+        const size_t logged = root.ReadFile("/mnt/ubi1/log/adj_log.inf").size();
         uint32_t value = 0x5EAD;
-        fault();
+        pref_sim_fail_next(PREF_SIM_OP_SAVE, diskFull ? 0 : 1);
+        pref_sim_set_disk_full(diskFull);
         EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, &value, 4, true));
         pref_sim_set_disk_full(0);
         EXPECT_EQ(assertions + 1, pm::AssertionCount()) << "the failed save is reported once";
-        EXPECT_EQ(std::string::npos, root.ReadFile("/mnt/ubi1/log/adj_log.inf").find("sync done", writeLog.size()));
+        EXPECT_EQ(std::string::npos, root.ReadFile("/mnt/ubi1/log/adj_log.inf").find("sync done", logged));
         EXPECT_EQ(Pattern(ADJUST_CIS_SN, 4), ItemBytes(ADJUST_CIS_SN)) << "the manager is back on NAND's value";
         Restart();
         EXPECT_EQ("", StoreProblem(ExpectedValues(CatalogueWithPatterns())));
     }
-    ExpectSyncedWriteSurvivesARestart();
 }
 
 TEST_F(AdjustRecoveryTest, FreshStoreThatCannotBeSavedIsNotServedUntilItIs)
@@ -152,11 +140,15 @@ TEST_F(AdjustRecoveryTest, BlankRecordIsDeletedAndNeverStopsASave)
     const unsigned long assertions = pm::AssertionCount();
     manager->Initialize();
     EXPECT_EQ(assertions, pm::AssertionCount());
-    EXPECT_EQ("", StoreProblem(ExpectedValues(stored)));
-    ExpectSyncedWriteSurvivesARestart();
+    uint32_t value = 0xC0FFEE;
+    ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &value, 4, true));
+    Restart();
+    std::map<int, Bytes> expected = ExpectedValues(stored);
+    expected[ADJUST_CIS_SN] = {0xEE, 0xFF, 0xC0, 0};
+    EXPECT_EQ("", StoreProblem(expected));
 }
 
-TEST_F(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValue)
+TEST_F(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValueAndADumpOfItCarriesTheRest)
 {
     // The body's length word is 2 bytes short: only the last item is incomplete.
     PutOnNand(CatalogueWithPatterns());
@@ -165,24 +157,17 @@ TEST_F(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValue)
     pref_sim_forget_images();
     const int saves = pref_sim_save_count(kAdjustGroup);
     manager->Initialize();
-    auto expectAllButTheLast = [] {
-        for (int id = 0; id < ADJUST_GYRO_DSP_THERM; ++id)
-            EXPECT_EQ(Pattern(id, ADJUST_DATA_LIST[id].size), ItemBytes(id)) << id;
-    };
-    expectAllButTheLast();
     Bytes last(ADJUST_DATA_LIST[ADJUST_GYRO_DSP_THERM].size);
     EXPECT_FALSE(manager->GetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size()));
     EXPECT_FALSE(manager->SetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size(), true));
     EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup)) << "sizes match the catalogue, a failed write: nothing saved";
-
-    // A dump of it, loaded on a camera with values of its own, brings the dump's values.
     std::string dump = "/mnt/mmc/short.dump";
     ASSERT_TRUE(manager->DumpData2File(dump.data()));
-    PutOnNand({});
+    PutOnNand({}); // a camera with values of its own
     manager->Initialize();
     ASSERT_TRUE(manager->LoadDataFromFile(dump.data()));
     Restart();
-    expectAllButTheLast();
+    for (int id = 0; id < ADJUST_GYRO_DSP_THERM; ++id) EXPECT_EQ(Pattern(id, ADJUST_DATA_LIST[id].size), ItemBytes(id)) << id;
 }
 
 TEST_F(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItKeepsTheCamerasData)
@@ -194,50 +179,28 @@ TEST_F(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItK
     overflowing[ADJUST_CAPTURE_LTE_DEFECT_PIXEL_ADR].bytes = Bytes{1};
     overflowing.push_back(StoredItem{"ADJUST_RETIRED_TABLE", Bytes(5242881 - kFreshBodyBytes, 0xC5)});
     for (const auto& stored : {StoreNeedingEveryKindOfChange(), overflowing}) {
-        SCOPED_TRACE(stored.size() == overflowing.size() ? "body would overflow" : "record past the body");
+        SCOPED_TRACE(stored.size());
         PutOnNand(stored);
         if (stored.size() != overflowing.size())
             pref_set_long(kAdjustGroup, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt) - 2);
-        pref_save(kAdjustGroup);
         std::string broken = "/mnt/mmc/broken.dump";
         ASSERT_EQ(0, pref_save_to_file(kAdjustGroup, broken.c_str()));
+        pref_save(kAdjustGroup);
         pref_sim_forget_images();
         const std::string nand = nandImage();
         const unsigned long assertions = pm::AssertionCount();
         manager->Initialize();
         EXPECT_LT(assertions, pm::AssertionCount());
-        uint32_t serial = 0;
-        EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, &serial, 4));
+        EXPECT_EQ(nullptr, manager->find(ADJUST_CIS_SN));
         EXPECT_FALSE(manager->ResetData(ADJUST_CIS_SN)) << "a store that cannot start is not reset whole";
         EXPECT_EQ(nand, nandImage()) << "nothing is written";
-
-        // A camera with good data refuses the broken file and keeps its own.
-        PutOnNand(CatalogueWithPatterns());
+        PutOnNand(CatalogueWithPatterns()); // a camera with good data refuses the file and keeps its own
         manager->Initialize();
         EXPECT_FALSE(manager->LoadDataFromFile(broken.data()));
         EXPECT_EQ("", StoreProblem(ExpectedValues(CatalogueWithPatterns())));
         Restart();
         EXPECT_EQ("", StoreProblem(ExpectedValues(CatalogueWithPatterns())));
     }
-}
-
-TEST_F(AdjustRecoveryTest, CallsThatCannotBeServedAnswerFalseAndTouchNothing)
-{
-    manager->Initialize();
-    EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, nullptr, 4));
-    EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, nullptr, 4, true));
-    EXPECT_TRUE(manager->GetData(ADJUST_WIFI_COUNTRY_CODE, nullptr, 0)) << "nothing asked, nothing copied";
-    std::string unwritable = "/no/such/dir/adjust.dump";
-    EXPECT_FALSE(manager->DumpData2File(unwritable.data()));
-    pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
-    EXPECT_FALSE(manager->ResetData(140));
-    int32_t value = 0x1234;
-    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
-    EXPECT_FALSE(manager->GetData(139, &value, 4));
-    EXPECT_FALSE(manager->GetData(144, &value, 4));
-    EXPECT_EQ(0x1234, value);
-    EXPECT_TRUE(manager->GetData(139, &value, 4)) << "the next read loads the group again";
-    EXPECT_EQ(0, value);
 }
 
 TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
@@ -252,7 +215,7 @@ TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
         uint32_t value = 0xA5A5F00D;
         answered = manager->SetData(ADJUST_CIS_SN, &value, 4, true);
     };
-    Sweep("synced SetData", prepare, op, [&](bool killed, bool newImage) {
+    Sweep(prepare, op, [&](bool killed, bool newImage) {
         EXPECT_TRUE(newImage || !answered) << "acknowledged but not on NAND";
         std::map<int, Bytes> expected = ExpectedValues(CatalogueWithPatterns());
         if (newImage) expected[ADJUST_CIS_SN] = Bytes{0x0D, 0xF0, 0xA5, 0xA5};
@@ -273,7 +236,7 @@ TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
 TEST_F(AdjustRecoveryTest, StartUpReArrangementSurvivesAFaultAtEveryFileOperation)
 {
     const std::map<int, Bytes> expected = ExpectedValues(StoreNeedingEveryKindOfChange());
-    Sweep("start-up re-arrangement", [] { PutOnNand(StoreNeedingEveryKindOfChange()); }, [] { manager->Initialize(); },
+    Sweep([] { PutOnNand(StoreNeedingEveryKindOfChange()); }, [] { manager->Initialize(); },
           [&](bool killed, bool) {
               if (!killed && manager->find(ADJUST_CIS_SN) != nullptr) {
                   EXPECT_EQ("", StoreProblem(expected)) << "the manager serves the right values or nothing";

@@ -25,60 +25,46 @@ std::string State()
     return text + (data != nullptr ? std::string(data, transfer->GetDataSize()) : "-") + " " + transfer->GetFileName();
 }
 
-TEST(PTPAdjInterfaceTest, SettersDoNothingOutsideTheHostLink)
+TEST(PTPAdjInterfaceTest, HoldsOneAnswerUntilDispatchOnlyOverTheHostLinkAndMisuseChangesNothing)
 {
-    unsigned char bytes[4] = {1, 2, 3, 4};
-    for (int type : {OP_TYPE_NONE, OP_TYPE_SCRIPT}) {
-        pm_test::SetOperationType(type);
-        testing::internal::CaptureStderr();
-        transfer->SetRespond(0x10000002, 1, 0);
-        transfer->SetData(bytes, sizeof bytes);
-        transfer->SetData(nullptr, 0); // misuse is not even checked here
-        transfer->SetFile("/mnt/mmc/a.csv");
-        EXPECT_EQ("", testing::internal::GetCapturedStderr()) << "operation type " << type;
-        EXPECT_EQ("0 10000000,0,0 - ", State()) << "operation type " << type;
-    }
-}
-
-TEST(PTPAdjInterfaceTest, HoldsOneAnswerUntilDispatchAndMisuseIsReportedAndChangesNothing)
-{
-    pm_test::SetOperationType(OP_TYPE_PTP);
     const char* respond = "SetRespond(long unsigned int, long unsigned int, long unsigned int)";
     const char* data = "SetData(unsigned char*, int)";
     const char* file = "SetFile(const char*)";
     const std::string full = "ffffffff,2147483648,7 ", longest(127, 'p');
-    unsigned char text[] = "abcdefghij";
-    // Each step: the call, the state after it ("" when unchanged) and the method whose
-    // failed check it reports ("" for none).
+    unsigned char text[] = "abc";
+    // Each step: the operation type, the call, the state after it ("" when unchanged) and
+    // the method whose failed check it reports ("" for none).
     const struct {
+        int type;
         std::function<void()> call;
         std::string state;
         const char* report;
     } steps[] = {
-        {[&] { transfer->SetRespond(0x10000002, 1, 0); }, "1 10000002,1,0 - ", ""},
-        {[&] { transfer->SetRespond(0x10000003, 1, 0); }, "", respond},
-        {[&] { transfer->SetFile("/mnt/mmc/x"); }, "", file},
-        {[&] { transfer->Dispatch(); }, "0 10000002,1,0 - ", ""}, // the response stays, to be sent again
-        {[&] { transfer->SetRespond(0xFFFFFFFFUL, 0x80000000UL, 7); }, "1 " + full + "- ", ""},
-        {[&] { transfer->Dispatch(); }, "0 " + full + "- ", ""},
-        {[&] { transfer->SetData(text, 0); }, "", data},
-        {[&] { transfer->SetData(nullptr, 3); }, "", data},
-        {[&] { transfer->SetData(text, 1); }, "2 " + full + "a ", ""},
-        {[&] { transfer->Dispatch(); }, "0 " + full + "- ", ""},
-        {[&] {
-             transfer->SetData(text, 10);
+        {OP_TYPE_NONE, [&] { transfer->SetRespond(0x10000002, 1, 0); }, "0 10000000,0,0 - ", ""},
+        {OP_TYPE_SCRIPT, [&] { transfer->SetData(nullptr, 0); }, "", ""}, // not even checked outside the link
+        {OP_TYPE_SCRIPT, [&] { transfer->SetFile("/mnt/mmc/a.csv"); }, "", ""},
+        {OP_TYPE_PTP, [&] { transfer->SetRespond(0xFFFFFFFFUL, 0x80000000UL, 7); }, "1 " + full + "- ", ""},
+        {OP_TYPE_PTP, [&] { transfer->SetRespond(0x10000003, 1, 0); }, "", respond},
+        {OP_TYPE_PTP, [&] { transfer->SetFile("/mnt/mmc/x"); }, "", file},
+        {OP_TYPE_PTP, [&] { transfer->Dispatch(); }, "0 " + full + "- ", ""}, // the response stays, to be sent again
+        {OP_TYPE_PTP, [&] { transfer->SetData(text, 0); }, "", data},
+        {OP_TYPE_PTP, [&] { transfer->SetData(nullptr, 3); }, "", data},
+        {OP_TYPE_PTP,
+         [&] {
+             transfer->SetData(text, 1);
              text[0] = 'Z'; // the interface holds a copy
          },
-         "2 " + full + "abcdefghij ", ""},
-        {[&] { transfer->Dispatch(); }, "0 " + full + "- ", ""},
-        {[&] { transfer->SetFile(nullptr); }, "", file},
-        {[&] { transfer->SetFile(std::string(128, 'q').c_str()); }, "", file},
-        {[&] { transfer->SetFile(longest.c_str()); }, "3 " + full + "- " + longest, ""},
-        {[&] { transfer->SetData(text, 3); }, "", data},
-        {[&] { transfer->Dispatch(); }, "0 " + full + "- " + longest, ""}, // the name stays
+         "2 " + full + "a ", ""},
+        {OP_TYPE_PTP, [&] { transfer->Dispatch(); }, "0 " + full + "- ", ""},
+        {OP_TYPE_PTP, [&] { transfer->SetFile(nullptr); }, "", file},
+        {OP_TYPE_PTP, [&] { transfer->SetFile(std::string(128, 'q').c_str()); }, "", file},
+        {OP_TYPE_PTP, [&] { transfer->SetFile(longest.c_str()); }, "3 " + full + "- " + longest, ""},
+        {OP_TYPE_PTP, [&] { transfer->SetData(text, 3); }, "", data},
+        {OP_TYPE_PTP, [&] { transfer->Dispatch(); }, "0 " + full + "- " + longest, ""}, // the name stays
     };
     for (size_t step = 0; step < std::size(steps); ++step) {
         SCOPED_TRACE("step " + std::to_string(step + 1));
+        pm_test::SetOperationType(steps[step].type);
         const std::string before = State();
         testing::internal::CaptureStderr();
         steps[step].call();
