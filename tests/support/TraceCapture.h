@@ -1,0 +1,20 @@
+#pragma once
+// Collects every trace composed while an object of it lives, in order. The list is not
+// locked: meant for traces composed on the test's own thread.
+
+#include "PMReport.h"
+
+#include <string>
+#include <vector>
+
+class TraceCapture {
+public:
+    TraceCapture()
+    {
+        lines.clear();
+        pm::SetTraceSink([](const char* text) { lines.emplace_back(text); });
+    }
+    ~TraceCapture() { pm::SetTraceSink(nullptr); }
+
+    inline static std::vector<std::string> lines;
+};
