@@ -1,16 +1,12 @@
 // The controller as the host application sees it: the start-up checks that choose the
 // mode from cards laid out by the tests, and the lifecycle of the controller and its workers.
-#include "ProductionMode.h"
 #include "CAdjustDataManager.h"
-#include "TestRoot.h"
+#include "ControllerTestKit.h"
 #include "TraceCapture.h"
 #include "kernel_sim.h"
 
-#include <gmock/gmock.h>
-
 #include <cstring>
 #include <filesystem>
-#include <future>
 #include <map>
 #include <thread>
 #include <unistd.h>
@@ -22,8 +18,8 @@ using Files = std::map<std::string, std::string>;
 using testing::Contains;
 using testing::HasSubstr;
 
-/// Run in a child of the case: 1 when the checks on this card selected the snapshot mode, which
-/// prepares the snapshot boot at once for the stores that Initialize leaves changed on a new NAND.
+/// In a child: 1 when the checks on this card chose the snapshot mode, which at once prepares the
+/// snapshot boot for the stores that Initialize leaves changed on a new NAND.
 int snapshotPreparedByChecks(const std::string& card, int autoEnable)
 {
     TestRoot nand;
@@ -118,12 +114,6 @@ TEST_F(StartupChecksTest, ScriptPathIsKeptOnceFoundAndOnlyTheFileTestIsRedone)
     EXPECT_FALSE(mode->checkScriptFile()) << "the default path has replaced the name";
 }
 
-class PlainWorker : public IPModeWorker {
-public:
-    explicit PlainWorker(const char* group) { pszName = group; }
-    int Execute(_tPM_Command*) override { return 0; }
-};
-
 TEST(ProductionModeTest, InitializeWaitsForAWorkerAndFinalizeWorksInEveryStateAndReleasesWaitingWorkers)
 {
     TestRoot root; // an empty card: the started thread finds nothing to run
@@ -132,7 +122,7 @@ TEST(ProductionModeTest, InitializeWaitsForAWorkerAndFinalizeWorksInEveryStateAn
     mode->Finalize(); // never initialised
     auto initialized = std::async(std::launch::async, [&] { mode->Initialize(); });
     EXPECT_EQ(std::future_status::timeout, initialized.wait_for(300ms)) << "no worker yet";
-    auto* worker = new PlainWorker("UI");
+    auto* worker = new controller_test::TestWorker("UI", nullptr);
     CWorkerFactory::GetInstance()->AddWorker(worker);
     ASSERT_EQ(std::future_status::ready, initialized.wait_for(3s));
     mode->Finalize(); // initialised, never started
@@ -156,7 +146,7 @@ TEST(ProductionModeTest, ProcessExitWithoutFinalizeEndsAWaitingHostLinkLoop)
             alarm(10); // a hang at exit ends the child with SIGALRM, not with code 0
             static TestRoot root; // outlives the controller, which is destroyed at exit
             root.WriteFile("/mnt/mmc/info.tgw", "");
-            CWorkerFactory::GetInstance()->AddWorker(new PlainWorker("LENS"));
+            CWorkerFactory::GetInstance()->AddWorker(new controller_test::TestWorker("LENS", nullptr));
             CProductionMode* mode = CProductionMode::GetInstance();
             mode->Initialize();
             if (!mode->Start()) std::_Exit(3);
