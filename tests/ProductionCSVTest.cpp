@@ -1,10 +1,8 @@
 // Result tables on the card and, in host-link mode, collected for the PC.
-#include "CProductionCSV.h"
-#include "CAdjustDataManager.h"
-#include "CPTPAdjInterface.h"
 #include "FileSizeLimit.h"
 #include "OperationTypeHook.h"
 #include "PMReport.h"
+#include "ProductionMode.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
@@ -132,7 +130,6 @@ TEST_F(ProductionCSVTest, LineThatCannotBeWrittenOrIsCollectedForThePcStillUsesI
     EXPECT_EQ("", table.GetCSVData4PTPTrans());
     ASSERT_EQ(0, table.Create("adj_result.csv", "ITEM,VALUE"));
     EXPECT_EQ(0, table.Write("%s,%s", "shutter", "OK"));
-    EXPECT_EQ(static_cast<uint32_t>(PTP_TRANSFER_NONE), transfer->GetTransferDataType());
     table.Close();
     const std::string expected = "adj_result.csv\r\nIndex,CIS S/N,ITEM,VALUE\r\n2,777,shutter,OK\r\n";
     ASSERT_EQ(static_cast<uint32_t>(PTP_TRANSFER_DATA), transfer->GetTransferDataType());
