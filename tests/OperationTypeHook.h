@@ -1,7 +1,6 @@
 #pragma once
-// Puts the controller into an operation type without running a loop, for the host-link
-// paths. The member pointer comes from an explicit template instantiation, where access
-// checking does not apply. Include it in one source file per program.
+// Sets the controller's operation type without a loop, for the host-link paths: the member pointer
+// comes from an explicit instantiation, where access is not checked. One source file per program.
 
 #include "CProductionMode.h"
 

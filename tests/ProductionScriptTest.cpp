@@ -1,4 +1,5 @@
-// The production script: text model, parsing, labels and counted goto loops.
+// The production script (text model, parsing, labels, counted goto loops); the error log and
+// traces it reports through, and the operator display, which shows nothing.
 #include "CProductionScript.h"
 #include "ControllerTestKit.h"
 #include "TraceCapture.h"
@@ -85,7 +86,7 @@ TEST_F(ProductionScriptTest, LinesEndAtNewlinesWithoutCrShowAtMost509BytesAndSki
     EXPECT_TRUE(script.isEOF());
 }
 
-TEST_F(ProductionScriptTest, GetParamAndSumRemainStringFollowTheWordRules)
+TEST_F(ProductionScriptTest, WordsAreSplitJoinedAndParsedIntoCommandsOfTenParametersAtMostByTheWordRules)
 {
     const std::string word49(49, 'w'), word50(50, 'w');
     const struct { const char* name; std::string line; int index; bool found; std::string word; } cases[] = {
@@ -108,10 +109,7 @@ TEST_F(ProductionScriptTest, GetParamAndSumRemainStringFollowTheWordRules)
     EXPECT_TRUE(script.sumRemainString(2, 9, "cmd a b c", out)) << "stops at the first missing word";
     EXPECT_STREQ("b c", out);
     EXPECT_FALSE(script.sumRemainString(5, 9, "cmd a b c", out));
-}
 
-TEST_F(ProductionScriptTest, HostLinesParseIntoCommandsOfTenParametersAtMostThatCopyWithTheirData)
-{
     _tPM_Command command = script.Parsing("alone ");
     EXPECT_STREQ("alone", command.szWorker);
     EXPECT_TRUE(command == -1) << "no parameters";
@@ -152,6 +150,34 @@ TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThe
         EXPECT_EQ(before + c.failedChecks, pm::AssertionCount());
         EXPECT_EQ(c.failedChecks == 0 && c.run.size() < 30, script.isEOF()) << "a finished run is at the end";
     }
+}
+
+TEST(ReportTest, ErrorLogIsRedOnStdoutCutToTheBufferAndInTheSystemLogAndTracesReachOnlyASink)
+{
+    TestRoot root;
+    testing::internal::CaptureStdout();
+    PM_ERROR_LOG("Wrong Line ID %d\n", 144);
+    PM_ERROR_LOG("%s", std::string(400, 'x').c_str());
+    // puts adds its own newline; a text cut to the buffer keeps the colour reset and the newline.
+    EXPECT_EQ("\x1b[31mWrong Line ID 144\x1b[m\n\n\x1b[31m" + std::string(255 - 9, 'x') + "\x1b[m\n\n",
+              testing::internal::GetCapturedStdout());
+    EXPECT_THAT(root.ReadFile("/var/log/dlog.log"), testing::HasSubstr(" E/PMODE(3): ProductionScriptTest.cpp: TestBody("));
+
+    {
+        TraceCapture traces;
+        PM_TRACE("Finalize-Done");
+        PM_TRACE_RED("line %d\n", 3);
+    }
+    PM_TRACE("not seen");
+    EXPECT_EQ((std::vector<std::string>{"\x1b[mFinalize-Done\x1b[m\n", "\x1b[31mline 3\x1b[m\n"}), TraceCapture::lines);
+}
+
+TEST(ProductionOSDTest, TextTakesAnyInputAndTheTouchResultIsZero)
+{
+    CProductionOSD* osd = CProductionOSD::GetInstance();
+    osd->Text(0, "%s", std::string(2000, 'x').c_str());
+    osd->Text(0, nullptr);
+    EXPECT_EQ(0, osd->OSD_getTouchResult());
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #pragma once
-// Collects every trace composed while an object of it lives, in order. The list is not
-// locked: meant for traces composed on the test's own thread.
+// Collects the traces composed while an object of it lives (unlocked: for the test's own thread).
 
 #include "PMReport.h"
 
