@@ -1,7 +1,6 @@
 #pragma once
-// Puts the controller into a given operation type without running a loop, for the
-// host-link paths. The member pointer comes from an explicit template instantiation,
-// where access checking does not apply. Include it in one source file per program.
+// Sets the controller's operation type without a loop, for the host-link paths: the member pointer
+// comes from an explicit instantiation, where access is not checked. One source file per program.
 
 #include "CProductionMode.h"
 
@@ -18,9 +17,6 @@ struct OperationTypeAccess {
 };
 template struct OperationTypeAccess<&CProductionMode::nOperationType>;
 
-inline void SetOperationType(int type)
-{
-    CProductionMode::GetInstance()->*operationTypeMember() = type;
-}
+inline void SetOperationType(int type) { CProductionMode::GetInstance()->*operationTypeMember() = type; }
 
 } // namespace pm_test

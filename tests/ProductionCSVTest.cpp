@@ -1,18 +1,15 @@
 // Result tables on the card and, in host-link mode, collected for the PC.
-#include "CProductionCSV.h"
-#include "CAdjustDataManager.h"
-#include "CPTPAdjInterface.h"
 #include "FileSizeLimit.h"
 #include "OperationTypeHook.h"
 #include "PMReport.h"
+#include "ProductionMode.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <string>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,34 +25,9 @@ protected:
         std::filesystem::create_directories(root.Host("/mnt/mmc"));
     }
 
-    /// The number of failed checks that `write` makes.
-    template <typename Write>
-    unsigned long FailedChecks(Write write)
-    {
-        const unsigned long before = pm::AssertionCount();
-        write();
-        return pm::AssertionCount() - before;
-    }
-
     TestRoot root;
+    CProductionCSV table;
 };
-
-TEST_F(ProductionCSVTest, TableGetsOneHeaderAndKeepsItsIndexAcrossARestartInAnyDirectory)
-{
-    std::filesystem::create_directories(root.Host("/tmp"));
-    for (int run = 0; run < 2; ++run) {
-        CProductionCSV table;
-        EXPECT_TRUE(table.SetFilePath("/tmp/"));
-        ASSERT_EQ(0, table.Create("result.csv", "ITEM,VALUE"));
-        EXPECT_EQ(2 * run, table.getLineIndex());
-        EXPECT_EQ(0, table.Write("%s,%s", "shutter", "OK"));
-        EXPECT_EQ(0, table.write("awb,NG", false));
-        table.Close();
-    }
-    EXPECT_EQ("Index,CIS S/N,ITEM,VALUE\r\n0,777,shutter,OK\r\n1,777,awb,NG\r\n2,777,shutter,OK\r\n3,777,awb,NG\r\n",
-              root.ReadFile("/tmp/result.csv"));
-    EXPECT_FALSE(root.Exists("/mnt/mmc/result.csv"));
-}
 
 TEST_F(ProductionCSVTest, IndexGoesOnFromTheLastLineAndOneThatDoesNotFitIsRefusedNotWrapped)
 {
@@ -64,12 +36,10 @@ TEST_F(ProductionCSVTest, IndexGoesOnFromTheLastLineAndOneThatDoesNotFitIsRefuse
         {"last index 41", "Index,CIS S/N,A\r\n40,777,w\r\n41,777,x\r\n", 0, 0, "42,777,a\r\n43,777,b\r\n"},
         {"header only", "Index,CIS S/N,A\r\n", 0, 0, "0,777,a\r\n1,777,b\r\n"},
         {"last line without a comma", "Index,CIS S/N,A\r\nbroken\r\n", 0, 0, "1,777,a\r\n2,777,b\r\n"},
-        {"no line end at the end", "Index,CIS S/N,A\r\n7,1,x", 0, 0, "8,777,a\r\n9,777,b\r\n"},
-        {"a single line", "9,1,x\n", 0, 0, "10,777,a\r\n11,777,b\r\n"},
+        {"a single line, no CR", "9,1,x\n", 0, 0, "10,777,a\r\n11,777,b\r\n"},
         {"the last index there is", "A\r\n2147483646,777,x\r\n", 0, 18, "2147483647,777,a\r\n"},
         {"full table", "A\r\n2147483647,777,x\r\n", 18, 18, ""},
-        {"11 digits", "A\r\n99999999999,777,x\r\n", 18, 18, ""},
-        {"leading zeros", "A\r\n00000000041,777,x\r\n", 0, 0, "42,777,a\r\n43,777,b\r\n"},
+        {"leading zeros", "A\r\n00000000041,777,x", 0, 0, "42,777,a\r\n43,777,b\r\n"},
         {"lowest index", "A\r\n-2147483649,777,x\r\n", 0, 0, "-2147483648,777,a\r\n-2147483647,777,b\r\n"},
         {"below the lowest", "A\r\n-9999999999,777,x\r\n", 18, 18, ""},
     };
@@ -85,13 +55,13 @@ TEST_F(ProductionCSVTest, IndexGoesOnFromTheLastLineAndOneThatDoesNotFitIsRefuse
     }
 }
 
-TEST_F(ProductionCSVTest, WriteRefusesTextsOfUnusableLength)
+TEST_F(ProductionCSVTest, WriteRefusesTextsOfUnusableLengthInATableOfAnyDirectory)
 {
-    CProductionCSV table;
+    std::filesystem::create_directories(root.Host("/tmp"));
+    EXPECT_TRUE(table.SetFilePath("/tmp/"));
     ASSERT_EQ(0, table.Create("len.csv", "X"));
     EXPECT_EQ(19, table.Write("%s", std::string(4094, 'x').c_str())) << "format and string estimate 4096";
     EXPECT_EQ(0, table.Write("%s", std::string(4093, 'x').c_str()));
-    EXPECT_EQ(19, table.Write(std::string(4096, 'f').c_str()));
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-zero-length"
     EXPECT_EQ(19, table.Write(""));
@@ -101,31 +71,28 @@ TEST_F(ProductionCSVTest, WriteRefusesTextsOfUnusableLength)
     EXPECT_EQ(0, table.Write("%5d|%hd|%zu|%.2f|%s", 42, static_cast<short>(3), static_cast<size_t>(9), 1.5, "end"));
     const char* missing = std::getenv("PM_CSV_TEST_NO_SUCH_VARIABLE");
     EXPECT_EQ(0, table.Write("%lf,%s", 2.25, missing)) << "a null string counts as empty";
-    EXPECT_EQ(1u, FailedChecks([&] { EXPECT_EQ(19, table.Write("%ld", 5L)); })) << "l before an integer conversion";
+    const unsigned long checks = pm::AssertionCount();
+    EXPECT_EQ(19, table.Write("%ld", 5L)) << "l before an integer conversion";
     // The estimate counts the format and the last string only; the formatted text must still fit.
-    EXPECT_EQ(1u, FailedChecks([&] { EXPECT_EQ(19, table.Write("%4000d%200d", 1, 2)); }));
-    // Only the character after each '%' counts: "%.3s" adds no string to the
-    // estimate, and the last string is the last one that walk meets.
+    EXPECT_EQ(19, table.Write("%4000d%200d", 1, 2));
+    EXPECT_EQ(checks + 2, pm::AssertionCount()) << "both are failed checks";
+    // Only the character after '%' counts: "%.3s" adds no string, and the last string is the last that walk meets.
     EXPECT_EQ(0, table.Write("%.3s", std::string(5000, 'p').c_str()));
     EXPECT_EQ(19, table.Write("%s%.3s", std::string(4090, 'q').c_str(), "abcdef"));
-    table.Close();
     EXPECT_EQ("Index,CIS S/N,X\r\n0,777," + std::string(4093, 'x') + "\r\n1,777,   42|3|9|1.50|end\r\n" +
                   "2,777,2.250000,(null)\r\n3,777,ppp\r\n",
-              root.ReadFile("/mnt/mmc/len.csv")) << "refused lines use no index";
+              root.ReadFile("/tmp/len.csv")) << "refused lines use no index";
+    EXPECT_EQ(4, table.getLineIndex());
+    EXPECT_FALSE(root.Exists("/mnt/mmc/len.csv"));
 }
 
 TEST_F(ProductionCSVTest, CardThatCannotTakeALineGivesFileErrorAndLeavesNoHalfLine)
 {
-    CProductionCSV table;
-    EXPECT_EQ(18, table.write("x", false)) << "no table yet";
     std::filesystem::create_directories(root.Host("/mnt/mmc/dir.csv"));
     EXPECT_EQ(18, table.Create("dir.csv", "X"));
-    EXPECT_EQ(18, table.Create("missing/t.csv", "X"));
     EXPECT_EQ(18, table.Write("%s", "x")) << "no file open after a failed Create";
     ASSERT_EQ(0, symlink("/dev/full", root.Host("/mnt/mmc/full.csv").c_str()));
     EXPECT_EQ(18, table.Create("full.csv", "X")) << "the header cannot be written";
-    EXPECT_EQ(18, table.Write("%s", "x"));
-
     // A card that fills up (a file size limit stands for it): the table stays usable.
     root.WriteFile("/mnt/mmc/fills.csv", "Index,CIS S/N,X\r\n");
     ASSERT_EQ(0, table.Create("fills.csv", "X"));
@@ -135,53 +102,38 @@ TEST_F(ProductionCSVTest, CardThatCannotTakeALineGivesFileErrorAndLeavesNoHalfLi
         EXPECT_EQ(18, table.Write("%s", "this line does not fit"));
     }
     EXPECT_EQ(0, table.Write("%s", "room again"));
-    // Without a serial number no line is written: a failed check.
     CAdjustDataManager::GetInstance()->Finalize();
-    EXPECT_EQ(1u, FailedChecks([&] { EXPECT_EQ(18, table.write("x", false)); }));
-    table.Close();
+    const unsigned long checks = pm::AssertionCount();
+    EXPECT_EQ(18, table.write("x", false)) << "no serial number";
+    EXPECT_EQ(checks + 1, pm::AssertionCount());
     EXPECT_EQ("Index,CIS S/N,X\r\n0,777,fits\r\n2,777,room again\r\n", root.ReadFile("/mnt/mmc/fills.csv"));
 }
 
-TEST_F(ProductionCSVTest, LineThatCannotBePositionedIsLostButUsesItsIndex)
+TEST_F(ProductionCSVTest, LineThatCannotBeWrittenOrIsCollectedForThePcStillUsesItsIndex)
 {
     // A pipe in the table's place: it opens, but no seek on it succeeds.
     ASSERT_EQ(0, mkfifo(root.Host("/mnt/mmc/pipe.csv").c_str(), 0600));
     const int reader = open(root.Host("/mnt/mmc/pipe.csv").c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_LE(0, reader);
-    CProductionCSV table;
     ASSERT_EQ(0, table.Create("pipe.csv", "X"));
     EXPECT_EQ(0, table.Write("%s", "lost"));
     char byte;
     EXPECT_EQ(-1, read(reader, &byte, 1)) << "nothing reached the pipe";
     EXPECT_NE(std::string::npos, root.ReadFile("/var/log/dlog.log").find("cannot be positioned"));
     close(reader);
-    // The same object collecting for the PC shows which index the lost line took.
-    pm_test::SetOperationType(OP_TYPE_PTP);
-    ASSERT_EQ(0, table.Create("host.csv", "X"));
-    EXPECT_EQ(0, table.write("kept", false));
-    EXPECT_EQ("host.csv\r\nIndex,CIS S/N,X\r\n1,777,kept\r\n", table.GetCSVData4PTPTrans());
-}
-
-TEST_F(ProductionCSVTest, HostLinkTableIsCollectedAndHandedToTheTransferInterface)
-{
+    // Collecting for the PC: a line before Create is dropped but uses its index, Close hands the text over.
     pm_test::SetOperationType(OP_TYPE_PTP);
     CPTPAdjInterface* transfer = CPTPAdjInterface::GetInstance();
-    CProductionCSV table;
-    EXPECT_EQ(0, table.write("lost", false)) << "a line before Create is dropped but uses index 0";
+    EXPECT_EQ(0, table.write("dropped", false));
     EXPECT_EQ("", table.GetCSVData4PTPTrans());
     ASSERT_EQ(0, table.Create("adj_result.csv", "ITEM,VALUE"));
     EXPECT_EQ(0, table.Write("%s,%s", "shutter", "OK"));
-    const std::string expected = "adj_result.csv\r\nIndex,CIS S/N,ITEM,VALUE\r\n1,777,shutter,OK\r\n";
-    EXPECT_EQ(static_cast<uint32_t>(PTP_TRANSFER_NONE), transfer->GetTransferDataType());
     table.Close();
+    const std::string expected = "adj_result.csv\r\nIndex,CIS S/N,ITEM,VALUE\r\n2,777,shutter,OK\r\n";
     ASSERT_EQ(static_cast<uint32_t>(PTP_TRANSFER_DATA), transfer->GetTransferDataType());
     EXPECT_EQ(expected, std::string(reinterpret_cast<char*>(transfer->GetData()), transfer->GetDataSize()));
     EXPECT_EQ(expected, table.GetCSVData4PTPTrans()) << "the text stays in the object";
     EXPECT_FALSE(root.Exists("/mnt/mmc/adj_result.csv"));
-    transfer->Dispatch();
-    ASSERT_EQ(0, table.Create("second.csv", "X"));
-    EXPECT_EQ(0, table.write("y", false));
-    EXPECT_EQ("second.csv\r\nIndex,CIS S/N,X\r\n2,777,y\r\n", table.GetCSVData4PTPTrans()) << "the index goes on";
 }
 
 } // namespace

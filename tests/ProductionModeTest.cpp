@@ -1,145 +1,34 @@
-// The controller as the host application sees it: the start-up checks that choose
-// between script mode and host-link mode from cards laid out by the tests, and the
-// lifecycle of the controller and its workers.
+// The controller as the host application sees it (the start-up checks that choose the mode
+// from cards laid out by the tests, the lifecycle) and the plug-in side: the worker registry
+// (routing, registration, threads, deletion at exit) and the worker base class.
+#include "OperationTypeHook.h"
 #include "ProductionMode.h"
-#include "CAdjustDataManager.h"
-#include "PMReport.h"
 #include "TestRoot.h"
+#include "TraceCapture.h"
 #include "kernel_sim.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <future>
 #include <map>
-#include <string>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
 using Files = std::map<std::string, std::string>;
-std::vector<std::string> g_traces; // the checks trace on the calling thread
+using testing::Contains;
+using testing::HasSubstr;
 
-void recordTrace(const char* text)
+/// In a child: 1 when the checks chose the snapshot mode (it prepares the stores Initialize changed).
+int snapshotPreparedByChecks(const std::string& card, int autoEnable)
 {
-    g_traces.emplace_back(text);
-}
-
-class StartupChecksTest : public ::testing::Test {
-protected:
-    void SetUp() override { pm::SetTraceSink(&recordTrace); }
-    void TearDown() override { pm::SetTraceSink(nullptr); }
-
-    /// A card holding exactly these files, and line value 139.
-    void LayOut(const Files& files, int autoEnable = 0)
-    {
-        std::filesystem::remove_all(root.Host("/mnt/mmc"));
-        std::filesystem::create_directories(root.Host("/mnt/mmc"));
-        for (const auto& file : files) root.WriteFile("/mnt/mmc/" + file.first, file.second);
-        ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &autoEnable, sizeof autoEnable, false));
-        mode->Finalize(); // forgets the script path of the case before
-        g_traces.clear();
-    }
-
-    /// The first trace holding `text`, "" for none.
-    std::string TraceWith(const std::string& text)
-    {
-        for (const auto& trace : g_traces)
-            if (trace.find(text) != std::string::npos) return trace;
-        return "";
-    }
-    bool Traced(const std::string& text) { return !TraceWith(text).empty(); }
-
-    TestRoot root;
-    CProductionMode* mode = CProductionMode::GetInstance();
-};
-
-TEST_F(StartupChecksTest, CanPModeWorkingForEveryKindOfCardAndReadErrorsOnlyForBlocksThatCannotBeRead)
-{
-    // readError: the file whose read error is traced ("" when none is).
-    const std::string wifi = "adj_wifi certification 1\n" /* 25 bytes */, xy = "x y\n", a58(58, 'a');
-    const struct { const char* name; Files files; int autoEnable; int expected; std::string readError; } cases[] = {
-        {"empty card", {}, 0, 0, ""},
-        {"script named with a newline", {{"info.tg", "abc.adj\n"}, {"abc.adj", "lens init 1\n"}}, 0, 1, ""},
-        {"named script missing", {{"info.tg", "abc.adj"}}, 0, 0, ""},
-        {"named script missing, host link on", {{"info.tg", "abc.adj"}, {"info.tgw", ""}}, 0, 2, "info.tgw"},
-        {"default.adj runs instead", {{"info.tg", "other.adj"}, {"default.adj", "key press 1\n"}}, 0, 1, ""},
-        {"name without .adj", {{"info.tg", "abc.txt"}, {"abc.txt", xy}, {"default.adj", xy}}, 0, 0, ""},
-        {"name without .adj, info.tgw", {{"info.tg", "abc.txt"}, {"abc.txt", xy}, {"info.tgw", "pc"}}, 0, 2, ""},
-        {"name with .dev", {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", xy}}, 0, 1, ""},
-        {"65 bytes unread", {{"info.tg", a58 + ".adj\n\n\n"}, {a58 + ".adj", xy}, {"tk_dev.adj", a58 + a58}}, 0, 0, ""},
-        {"empty info.tg", {{"info.tg", ""}}, 0, 0, "info.tg"},
-        {"empty tk_dev.adj", {{"info.tg", "abc.adj"}, {"abc.adj", xy}, {"tk_dev.adj", ""}}, 0, 1, "tk_dev.adj"},
-        {"script and info.tgw: the script wins", {{"info.tg", "abc.adj"}, {"abc.adj", xy}, {"info.tgw", ""}}, 0, 1, ""},
-        {"line value 139 is 1", {}, 1, 2, ""},
-        {"line value 139 is 2", {}, 2, 0, ""},
-        {"info.tgw naming a .dev", {{"info.tgw", "line.dev"}}, 0, 2, ""},
-        {"Wi-Fi certification script", {{"info.tg", "w.adj"}, {"w.adj", wifi}}, 0, 3, ""},
-        {"empty Wi-Fi script", {{"info.tg", "w.adj"}, {"w.adj", ""}}, 0, 1, "/mnt/mmc/w.adj"},
-        {"Wi-Fi script of 64 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(39, ' ')}}, 0, 3, ""},
-        {"Wi-Fi text in 65 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(40, ' ')}}, 0, 1, ""},
-        // The certification check reads the name untrimmed: with a newline it finds no file.
-        {"Wi-Fi script named with a newline", {{"info.tg", "w.adj\n"}, {"w.adj", wifi}}, 0, 1, ""},
-        {"Wi-Fi check reads info.tg only", {{"info.tg", "w.adj"}, {"w.adj", xy}, {"default.adj", wifi}}, 0, 1, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        LayOut(c.files, c.autoEnable);
-        EXPECT_EQ(c.expected, mode->CanPModeWorking());
-        const std::string trace = "\x1b[m" + c.readError + " File Read error!!!\x1b[m\n";
-        EXPECT_EQ(c.readError.empty() ? "" : trace, TraceWith("File Read error"));
-    }
-}
-
-TEST_F(StartupChecksTest, ScriptPathIsKeptOnceFoundAndOnlyTheFileTestIsRedone)
-{
-    LayOut({{"info.tg", "abc.adj\n"}, {"abc.adj", "x y\n"}});
-    EXPECT_TRUE(mode->checkScriptFile());
-    // The card changes under the controller: the name is not read again, only its file is looked for.
-    std::filesystem::remove(root.Host("/mnt/mmc/abc.adj"));
-    root.WriteFile("/mnt/mmc/info.tg", "other.adj");
-    root.WriteFile("/mnt/mmc/other.adj", "x y\n");
-    EXPECT_FALSE(mode->checkScriptFile());
-    root.WriteFile("/mnt/mmc/abc.adj", "x y\n");
-    EXPECT_TRUE(mode->checkScriptFile());
-    root.WriteFile("/mnt/mmc/default.adj", "x y\n");
-    EXPECT_TRUE(mode->checkScriptFile());
-    std::filesystem::remove(root.Host("/mnt/mmc/default.adj"));
-    EXPECT_FALSE(mode->checkScriptFile()) << "the default path has replaced the name";
-}
-
-TEST_F(StartupChecksTest, ProductionStatusFollowsTheMarkersAndChangesNothing)
-{
-    const struct { const char* name; Files files; int autoEnable; bool expected; } cases[] = {
-        {"nothing", {}, 0, false}, {"info.tg", {{"info.tg", "abc.adj"}}, 0, true},
-        {"empty info.tg", {{"info.tg", ""}}, 0, true}, {"info.tgw", {{"info.tgw", ""}}, 0, true},
-        {"line value 139 is 1", {}, 1, true}, {"line value 139 is 2", {}, 2, false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        LayOut(c.files, c.autoEnable);
-        EXPECT_EQ(c.expected, mode->isProductionStatus());
-        EXPECT_TRUE(Traced(std::string("isProductionStatus() blRetVal = ") + (c.expected ? "1" : "0")));
-        EXPECT_EQ(c.autoEnable == 1, Traced("LINE_PTP_AUTO_ENABLE = 1"));
-    }
-    LayOut({{"info.tg", "abc.adj"}, {"abc.adj", "x y\n"}});
-    EXPECT_TRUE(mode->isProductionStatus());
-    EXPECT_EQ(1, mode->CanPModeWorking()) << "a script path found afterwards is read fresh";
-}
-
-/// Lays out a card, initialises the adjust data (which leaves the stores changed)
-/// and runs the checks. 1 when the snapshot-boot preparation ran, which the
-/// snapshot mode does at once on changed stores; 0 when it did not.
-int snapshotPreparedByChecks(const Files& files, int autoEnable)
-{
-    TestRoot root;
-    for (const auto& file : files) root.WriteFile("/mnt/mmc/" + file.first, file.second);
+    TestRoot nand;
+    std::filesystem::create_directories(nand.Host("/mnt/mmc"));
+    std::filesystem::copy(card, nand.Host("/mnt/mmc"), std::filesystem::copy_options::recursive);
     CAdjustDataManager::GetInstance()->Initialize();
     CAdjustDataManager::GetInstance()->SetData(139, &autoEnable, sizeof autoEnable, false);
     CProductionMode::GetInstance()->CanPModeWorking();
@@ -150,77 +39,214 @@ int snapshotPreparedByChecks(const Files& files, int autoEnable)
     return 0;
 }
 
-TEST(StartupChecksModeTest, ChecksSelectTheAdjustOperationMode)
+class StartupChecksTest : public ::testing::Test {
+protected:
+    /// A card holding exactly these files, and line value 139.
+    void LayOut(const Files& files, int autoEnable = 0)
+    {
+        std::filesystem::remove_all(root.Host("/mnt/mmc"));
+        std::filesystem::create_directories(root.Host("/mnt/mmc"));
+        for (const auto& file : files) root.WriteFile("/mnt/mmc/" + file.first, file.second);
+        ASSERT_TRUE(CAdjustDataManager::GetInstance()->SetData(139, &autoEnable, sizeof autoEnable, false));
+        mode->Finalize(); // forgets the script path of the case before
+        traces.lines.clear();
+    }
+
+    TraceCapture traces; // the checks trace on the calling thread
+    TestRoot root;
+    CProductionMode* mode = CProductionMode::GetInstance();
+};
+
+TEST_F(StartupChecksTest, EveryKindOfCardGivesItsModeStatusAndAdjustModeAndReadErrorsOnlyForUnreadableBlocks)
 {
-    const Files devScript{{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", "x y\n"}};
-    Files keen = devScript, other = devScript;
-    keen["tk_dev.adj"] = "model keen_camera";
-    other["tk_dev.adj"] = "other";
-    const struct { const char* name; Files files; int autoEnable; bool snapshot; } cases[] = {
-        {"script name without .dev", {{"info.tg", "abc.adj"}, {"abc.adj", "x y\n"}}, 0, true},
-        {"script name with .dev", devScript, 0, false}, {".dev name, keen_camera device", keen, 0, true},
-        {".dev name, other device", other, 0, false}, {"info.tgw with .dev", {{"info.tgw", "line.dev"}}, 0, false},
-        {"info.tgw without .dev", {{"info.tgw", "line"}}, 0, true}, {"empty info.tgw", {{"info.tgw", ""}}, 0, true},
-        {"line value 139 is 1", {}, 1, true}, {"nothing", {}, 0, false},
+    // readError: the file whose read error is traced ("" when none is); snapshot: the adjust mode chosen.
+    const std::string wifi = "adj_wifi certification 1\n" /* 25 bytes */, xy = "x y\n", a58(58, 'a');
+    const struct { const char* name; Files files; int autoEnable, mode; std::string readError; bool snapshot; } cases[] = {
+        {"named script missing, host link on", {{"info.tg", "abc.adj"}, {"info.tgw", ""}}, 0, 2, "info.tgw", true},
+        {"name without .adj", {{"info.tg", "abc.txt"}, {"abc.txt", xy}, {"default.adj", xy}}, 0, 0, "", false},
+        {"name with .dev", {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", xy}}, 0, 1, "", false},
+        {".dev, keen_camera device", {{"info.tg", "d.dev.adj"}, {"d.dev.adj", xy}, {"tk_dev.adj", "keen_camera"}}, 0, 1, "", true},
+        {".dev, other device", {{"info.tg", "d.dev.adj"}, {"d.dev.adj", xy}, {"tk_dev.adj", "other"}}, 0, 1, "", false},
+        {"65 bytes unread", {{"info.tg", a58 + ".adj\n\n\n"}, {a58 + ".adj", xy}, {"tk_dev.adj", a58 + a58}}, 0, 0, "", false},
+        {"empty info.tg", {{"info.tg", ""}}, 0, 0, "info.tg", false},
+        {"empty tk_dev.adj", {{"info.tg", "abc.adj"}, {"abc.adj", xy}, {"tk_dev.adj", ""}}, 0, 1, "tk_dev.adj", true},
+        {"line value 139 is 1", {}, 1, 2, "", true},
+        {"line value 139 is 2", {}, 2, 0, "", false},
+        {"empty info.tgw", {{"info.tgw", ""}}, 0, 2, "info.tgw", true},
+        {"info.tgw naming a .dev", {{"info.tgw", "line.dev"}}, 0, 2, "", false},
+        {"info.tgw naming no .dev", {{"info.tgw", "line"}}, 0, 2, "", true},
+        {"empty Wi-Fi script", {{"info.tg", "w.adj"}, {"w.adj", ""}}, 0, 1, "/mnt/mmc/w.adj", true},
+        {"Wi-Fi script of 64 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(39, ' ')}}, 0, 3, "", true},
+        {"Wi-Fi text in 65 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(40, ' ')}}, 0, 1, "", true},
+        // The certification check reads the name untrimmed: with a newline it finds no file.
+        {"Wi-Fi script named with a newline", {{"info.tg", "w.adj\n"}, {"w.adj", wifi}}, 0, 1, "", true},
+        {"Wi-Fi check reads info.tg only", {{"info.tg", "w.adj"}, {"w.adj", xy}, {"default.adj", wifi}}, 0, 1, "", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        // Each case in a process of its own: the preparation runs at most once per process.
-        EXPECT_EXIT(std::_Exit(snapshotPreparedByChecks(c.files, c.autoEnable)),
-                    ::testing::ExitedWithCode(c.snapshot ? 1 : 0), "");
+        LayOut(c.files, c.autoEnable);
+        // In a child: the snapshot boot is prepared at most once per process.
+        EXPECT_EXIT(std::_Exit(snapshotPreparedByChecks(root.Host("/mnt/mmc"), c.autoEnable)),
+                    testing::ExitedWithCode(c.snapshot), "");
+        const bool status = !c.files.empty() || c.autoEnable == 1; // every card here holds info.tg or info.tgw
+        EXPECT_EQ(status, mode->isProductionStatus()) << "changes nothing for the checks after it";
+        EXPECT_THAT(traces.lines, Contains(HasSubstr(std::string("isProductionStatus() blRetVal = ") + (status ? "1" : "0"))));
+        EXPECT_EQ(c.mode, mode->CanPModeWorking());
+        const std::string readError = "\x1b[m" + c.readError + " File Read error!!!\x1b[m\n";
+        EXPECT_THAT(traces.lines, Contains(HasSubstr("File Read error")).Times(c.readError.empty() ? 0 : 1));
+        EXPECT_THAT(traces.lines, Contains(readError).Times(c.readError.empty() ? 0 : 1));
     }
+    LayOut({{"info.tg", "abc.adj"}, {"abc.adj", xy}});
+    EXPECT_EQ(1, mode->CanPModeWorking());
+    std::filesystem::rename(root.Host("/mnt/mmc/abc.adj"), root.Host("/mnt/mmc/other.adj"));
+    root.WriteFile("/mnt/mmc/info.tg", "other.adj");
+    EXPECT_EQ(0, mode->CanPModeWorking()) << "the script name is read once; only its file is looked for again";
 }
 
-/// Counts the lifecycle calls the controller makes on it.
-class LifecycleWorker : public IPModeWorker {
+using Calls = std::vector<std::string>;
+Calls g_calls; // "init:<name>" per worker initialised, in order
+std::atomic<int> g_deleted{0};
+
+class NamedWorker : public IPModeWorker {
 public:
-    explicit LifecycleWorker(const char* group) { pszName = group; }
+    explicit NamedWorker(const char* name) { pszName = name; }
+    ~NamedWorker() override { ++g_deleted; }
     int Execute(_tPM_Command*) override { return 0; }
     void Initialize() override
     {
-        ++initialized;
         IPModeWorker::Initialize();
+        g_calls.push_back(std::string("init:") + pszName);
     }
-    void Finalize() override
-    {
-        ++finalized;
-        IPModeWorker::Finalize();
-    }
-    std::atomic<int> initialized{0}, finalized{0};
 };
 
-TEST(ProductionModeTest, InitializeWaitsForAWorkerAndTheLifecycleCanBeRepeatedAndFinalizedInEveryState)
+TEST(WorkerFactoryTest, CommandsAndPendingSubCommandsReachTheWorkerOfTheirGroup)
 {
-    TestRoot root; // an empty card: a started thread finds nothing to run
+    CWorkerFactory* factory = CWorkerFactory::GetInstance();
+    for (const char* name : {"UI", "CAP", "LENS", "WIFI", "DD", "ETC", "PENDING"}) factory->AddWorker(new NamedWorker(name));
+    // The sub-command counts only for a "PENDING" command; an unknown one keeps the group "PENDING".
+    const struct { const char* command; const char* sub; const char* worker; } cases[] = {
+        {"gold_model", "strobe", "UI"}, {"lens", "strobe", "LENS"}, {"efs", "rtc", "CAP"}, {"port", nullptr, "PENDING"},
+        {"port", "main_function", "ETC"}, {"capture", "gyroscope", "DD"}, {"port", "wifi", "WIFI"},
+        {"capture", "still", "UI"}, {"capture", "Strobe", "PENDING"}, {"KEY", "strobe", nullptr},
+        {"shutter ", nullptr, nullptr}, {"", "strobe", nullptr}, {nullptr, "strobe", nullptr},
+    };
+    for (const auto& c : cases) {
+        IPModeWorker* worker = factory->GetWorker(c.command, c.sub);
+        EXPECT_STREQ(c.worker, worker == nullptr ? nullptr : worker->GetName())
+            << (c.command ? c.command : "-") << " " << (c.sub ? c.sub : "-");
+    }
+}
+
+TEST(WorkerFactoryTest, RegistrationRefusesNamelessAndDuplicateWorkersAndKeepsTheOrder)
+{
+    CWorkerFactory* factory = CWorkerFactory::GetInstance();
+    NamedWorker nameless(nullptr), ui("UI"), cap("CAP"), cap2("CAP"), dd("DD");
+    const unsigned long before = pm::AssertionCount();
+    factory->AddWorker(&nameless);
+    EXPECT_EQ(before + 1, pm::AssertionCount());
+    EXPECT_FALSE(factory->IsWorkerAllReady());
+    for (IPModeWorker* worker : {&ui, &cap, &cap2, &dd, static_cast<NamedWorker*>(nullptr)}) factory->AddWorker(worker);
+    EXPECT_TRUE(factory->IsWorkerAllReady());
+    EXPECT_EQ(&cap, factory->GetWorker("shutter", nullptr)) << "the first of a name serves";
+    factory->SubtractWorker(&cap);
+    EXPECT_EQ(nullptr, factory->GetWorker("shutter", nullptr)) << "the refused duplicate never got in";
+    factory->SubtractWorker(&cap2); // never registered: nothing changes
+    factory->AddWorker(&cap);
+    factory->InitializeAllWorker();
+    EXPECT_EQ((Calls{"init:UI", "init:DD", "init:CAP"}), g_calls) << "a removed worker comes back at the end";
+    for (IPModeWorker* worker : {&ui, &cap, &dd}) factory->SubtractWorker(worker);
+}
+
+TEST(WorkerFactoryTest, ConcurrentRegistrationLosesNoWorkerWhileLookupsRun)
+{
+    std::vector<std::string> names(8000);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < 4; ++t) {
+        threads.emplace_back([&names, t] {
+            for (size_t i = t; i < names.size(); i += 4) {
+                names[i] = "W" + std::to_string(i);
+                CWorkerFactory::GetInstance()->AddWorker(new NamedWorker(names[i].c_str()));
+                CWorkerFactory::GetInstance()->GetWorker("shutter", nullptr);
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    CWorkerFactory::GetInstance()->InitializeAllWorker();
+    EXPECT_EQ(names.size(), g_calls.size()) << "every registration must survive";
+}
+
+/// A worker that unregisters itself when deleted, as plug-ins commonly do.
+class SelfRemovingWorker : public NamedWorker {
+public:
+    using NamedWorker::NamedWorker;
+    ~SelfRemovingWorker() override { pFactory->SubtractWorker(this); }
+};
+
+TEST(WorkerFactoryTest, RegisteredWorkersAreDeletedAtExitAndRemovedOnesAreNot)
+{
+    EXPECT_EXIT(
+        {
+            // Registered before the registry exists, so it runs after the registry's destructor at exit.
+            std::atexit([] { std::_Exit(g_deleted == 2 ? 7 : 8); });
+            CWorkerFactory* factory = CWorkerFactory::GetInstance();
+            factory->AddWorker(new NamedWorker("UI"));
+            factory->AddWorker(new SelfRemovingWorker("CAP"));
+            auto* removed = new NamedWorker("DD");
+            factory->AddWorker(removed);
+            factory->SubtractWorker(removed);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(7), "");
+}
+
+TEST(PModeWorkerTest, WaitBlocksUntilARequestedBitAndClearsOnlyTheRequestedBits)
+{
+    NamedWorker worker("UI");
+    EXPECT_FALSE(worker.Wait(0x1)) << "a fresh worker is stopped until Initialize";
+    worker.Initialize();
+    auto waiting = std::async(std::launch::async, [&] { return worker.Wait(0x3); });
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(50ms)) << "nothing set yet: Wait must block";
+    worker.Resume(0x1);
+    EXPECT_TRUE(waiting.get());
+    waiting = std::async(std::launch::async, [&] { return worker.Wait(0x3); });
+    worker.Resume(0x4);
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(50ms)) << "bit 0 was cleared; bit 2 was not asked for";
+    worker.Resume(0x2);
+    EXPECT_TRUE(waiting.get());
+    EXPECT_TRUE(worker.Wait(0x4)) << "bit 2 stayed set";
+    worker.Finalize();
+    worker.Resume(0x1);
+    EXPECT_FALSE(worker.Wait(0x1)) << "after Finalize, Wait fails without blocking";
+    worker.Initialize();
+    EXPECT_TRUE(worker.Wait(0x1)) << "the failed Wait cleared nothing";
+}
+
+TEST(PModeWorkerTest, AdjustResultIsKeptButNotAnsweredOverTheHostLinkUnlessAsked)
+{
+    NamedWorker worker("UI");
+    EXPECT_EQ(PM_RESULT_NONE, worker.GetAdjResult());
+    pm_test::SetOperationType(OP_TYPE_PTP);
+    worker.SetAdjResult(PM_RESULT_FAIL, false);
+    EXPECT_EQ(PM_RESULT_FAIL, worker.GetAdjResult());
+    EXPECT_EQ(static_cast<uint32_t>(PTP_TRANSFER_NONE), CPTPAdjInterface::GetInstance()->GetTransferDataType());
+}
+
+TEST(ProductionModeTest, InitializeWaitsForAWorkerAndFinalizeReleasesWaitingWorkersInEveryState)
+{
+    TestRoot root; // an empty card: the started thread finds nothing to run
     CProductionMode* mode = CProductionMode::GetInstance();
-    EXPECT_FALSE(mode->IsActive());
-    EXPECT_EQ(OP_TYPE_NONE, mode->GetOperationType());
-    mode->Finalize(); // never initialised
     auto initialized = std::async(std::launch::async, [&] { mode->Initialize(); });
     EXPECT_EQ(std::future_status::timeout, initialized.wait_for(300ms)) << "no worker yet";
-    auto* first = new LifecycleWorker("UI");
-    auto* second = new LifecycleWorker("CAP");
-    CWorkerFactory::GetInstance()->AddWorker(first);
-    CWorkerFactory::GetInstance()->AddWorker(second);
+    auto* worker = new NamedWorker("UI");
+    CWorkerFactory::GetInstance()->AddWorker(worker);
     ASSERT_EQ(std::future_status::ready, initialized.wait_for(3s));
-    for (int round = 1; round <= 3; ++round) {
-        SCOPED_TRACE("round " + std::to_string(round));
-        if (round > 1) mode->Initialize();
-        EXPECT_TRUE(round == 1 || mode->Start()) << "the first round is finalized without a start";
-        EXPECT_EQ(round, first->initialized);
-        EXPECT_EQ(round, second->initialized);
-        auto waiting = std::async(std::launch::async, [&] { return first->Wait(0x1); });
-        EXPECT_EQ(std::future_status::timeout, waiting.wait_for(100ms));
-        auto done = std::async(std::launch::async, [&] { mode->Finalize(); });
-        ASSERT_EQ(std::future_status::ready, done.wait_for(5s));
-        EXPECT_FALSE(waiting.get()) << "Finalize releases a worker thread waiting for its signal";
-        EXPECT_EQ(round, first->finalized);
-        EXPECT_EQ(round, second->finalized);
-        EXPECT_FALSE(mode->IsActive());
-        EXPECT_FALSE(mode->IsCreatingFile());
-    }
-    mode->Finalize(); // twice in a row
-    EXPECT_EQ(0, mode->CanPModeWorking());
+    mode->Finalize(); // initialised, never started
+    mode->Initialize();
+    ASSERT_TRUE(mode->Start());
+    auto waiting = std::async(std::launch::async, [&] { return worker->Wait(0x1); });
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(100ms)) << "Initialize readied the worker";
+    mode->Finalize();
+    EXPECT_FALSE(waiting.get()) << "Finalize releases a worker thread waiting for its signal";
 }
 
 TEST(ProductionModeTest, ProcessExitWithoutFinalizeEndsAWaitingHostLinkLoop)
@@ -231,7 +257,7 @@ TEST(ProductionModeTest, ProcessExitWithoutFinalizeEndsAWaitingHostLinkLoop)
             alarm(10); // a hang at exit ends the child with SIGALRM, not with code 0
             static TestRoot root; // outlives the controller, which is destroyed at exit
             root.WriteFile("/mnt/mmc/info.tgw", "");
-            CWorkerFactory::GetInstance()->AddWorker(new LifecycleWorker("LENS"));
+            CWorkerFactory::GetInstance()->AddWorker(new NamedWorker("LENS"));
             CProductionMode* mode = CProductionMode::GetInstance();
             mode->Initialize();
             if (!mode->Start()) std::_Exit(3);

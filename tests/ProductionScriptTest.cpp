@@ -1,88 +1,70 @@
-// The production script: text model, parsing, labels and counted goto loops.
+// The production script (text model, parsing, labels, counted goto loops); the error log and
+// traces it reports through, and the operator display, which shows nothing.
 #include "CProductionScript.h"
-#include "PMReport.h"
-#include "TestRoot.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
+#include "ControllerTestKit.h"
+#include "TraceCapture.h"
 
 namespace {
 
+using controller_test::describe;
 using Lines = std::vector<std::string>;
-Lines g_traces;
-void recordTrace(const char* text)
-{
-    g_traces.emplace_back(text);
-}
 
 class ProductionScriptTest : public ::testing::Test {
 protected:
-    void SetUp() override { pm::SetTraceSink(&recordTrace); }
-    void TearDown() override { pm::SetTraceSink(nullptr); }
-
     bool MountText(const std::string& text)
     {
         root.WriteFile("/mnt/mmc/script.txt", text);
         return script.Mount("/mnt/mmc/script.txt");
     }
 
-    /// Runs the script as the script-mode loop does and lists "name p0 p1 ..." of each command.
-    Lines RunAll(int limit = 30)
+    /// The commands the script-mode loop reads, "name p0 p1 ...", 30 at most.
+    Lines RunAll()
     {
         Lines run;
-        while (static_cast<int>(run.size()) < limit) {
+        while (run.size() < 30) {
             script.Parsing();
             const _tPM_Command command = script.Read();
             if (command == -1) break;
-            run.push_back(Describe(command));
+            run.push_back(describe(command));
         }
         return run;
     }
 
-    static std::string Describe(const _tPM_Command& command)
+    /// Line `index`, or "untouched" when the reader leaves the buffer alone.
+    std::string Line(int index)
     {
-        std::string line = command.szWorker;
-        for (int p = 0; p < command.nParamCount; ++p) line += std::string(" ") + command.szParam[p];
-        return line;
-    }
-
-    std::string Line(int index, const char* before = "")
-    {
-        char out[PM_LINE_SIZE] = {};
-        std::strcpy(out, before);
+        char out[PM_LINE_SIZE] = "untouched";
         script.get1LineString(out, index);
         return out;
     }
 
+    TraceCapture traces;
     TestRoot root;
     CProductionScript script;
 };
 
-TEST_F(ProductionScriptTest, MountRefusesBadFilesKeepsTheEarlierTextAndUnmountForgetsIt)
+TEST_F(ProductionScriptTest, MountRefusesBadFilesKeepsTheEarlierTextIndexesLabelsAndUnmountForgetsThem)
 {
     EXPECT_FALSE(script.Mount(nullptr));
     EXPECT_FALSE(script.Mount("/mnt/mmc/none.txt")) << "nothing loaded before";
-    EXPECT_TRUE(script.isEOF());
     EXPECT_FALSE(MountText(""));
-    EXPECT_EQ((Lines{"\x1b[mNo Script file Name!!!\x1b[m\n", "\x1b[m Script file size is 0!!!\x1b[m\n"}), g_traces);
+    EXPECT_EQ((Lines{"\x1b[mNo Script file Name!!!\x1b[m\n", "\x1b[m Script file size is 0!!!\x1b[m\n"}), traces.lines);
 
     ASSERT_TRUE(MountText("// intro\nlens init 1\n"));
-    EXPECT_EQ("untouched", Line(3, "untouched")) << "past the end";
-    EXPECT_EQ(-1, script.findLabel("x")) << "no labels";
+    EXPECT_EQ("untouched", Line(3)) << "past the end";
     EXPECT_TRUE(script.Mount("/mnt/mmc/missing.txt")) << "re-indexes the old text";
     EXPECT_EQ((Lines{"lens init 1"}), RunAll());
     root.WriteFile("/mnt/mmc/empty.txt", "");
     EXPECT_FALSE(script.Mount("/mnt/mmc/empty.txt"));
     EXPECT_EQ("lens init 1", Line(1));
 
-    ASSERT_TRUE(MountText("label L\na 1\n"));
+    const unsigned long before = pm::AssertionCount();
+    ASSERT_TRUE(MountText("label X\na 1\nlabel X\nb 1\nlabel \nlabel LAST"));
+    EXPECT_EQ(before + 1, pm::AssertionCount()) << "a nameless label is a failed check";
+    EXPECT_EQ(2, script.findLabel("X")) << "the later label wins";
+    EXPECT_EQ(-1, script.findLabel("LAST")) << "a last line without a newline is not indexed";
     EXPECT_TRUE(script.Unmount());
-    EXPECT_TRUE(script.isEOF());
-    EXPECT_EQ(-1, script.findLabel("L"));
-    EXPECT_EQ("", Line(0));
+    EXPECT_EQ(-1, script.findLabel("X"));
     EXPECT_TRUE(RunAll().empty());
 }
 
@@ -93,8 +75,7 @@ TEST_F(ProductionScriptTest, LinesEndAtNewlinesWithoutCrShowAtMost509BytesAndSki
     EXPECT_EQ("a b", Line(0));
     EXPECT_EQ(longLine.substr(0, 509), Line(2));
     EXPECT_EQ("c d", Line(3));
-    EXPECT_EQ("untouched", Line(4, "untouched")) << "an empty last line leaves the buffer alone";
-
+    EXPECT_EQ("untouched", Line(4)) << "an empty last line leaves the buffer alone";
     EXPECT_TRUE(script.nextLine()) << "over the comment";
     EXPECT_FALSE(script.prevLine()) << "line 0 is not examined backwards";
     EXPECT_FALSE(script.prevLine());
@@ -105,21 +86,15 @@ TEST_F(ProductionScriptTest, LinesEndAtNewlinesWithoutCrShowAtMost509BytesAndSki
     EXPECT_TRUE(script.isEOF());
 }
 
-TEST_F(ProductionScriptTest, GetParamAndSumRemainStringFollowTheWordRules)
+TEST_F(ProductionScriptTest, WordsAreSplitJoinedAndParsedIntoCommandsOfTenParametersAtMostByTheWordRules)
 {
     const std::string word49(49, 'w'), word50(50, 'w');
     const struct { const char* name; std::string line; int index; bool found; std::string word; } cases[] = {
-        {"first word", "key press 1", 0, true, "key"},
-        {"third word", "key press 1", 2, true, "1"},
-        {"past the last word", "key press 1", 3, false, ""},
-        {"runs of separators", "  a \t\t b", 1, true, "b"},
-        {"tab only, no space", "a\tb", 0, false, "a\tb"},
-        {"single word, no space", "step_end", 0, false, "step_end"},
-        {"word of 49 bytes", word49 + " x", 0, true, word49},
-        {"word of 50 bytes", word50 + " x", 0, false, ""},
-        {"CR LF cut", "a b\r\n", 1, true, "b"},
-        {"empty line", "", 0, false, ""},
-        {"newline only", "\n", 0, false, ""},
+        {"first word", "key press 1", 0, true, "key"}, {"third word", "key press 1", 2, true, "1"},
+        {"past the last word", "key press 1", 3, false, ""}, {"runs of separators", "  a \t\t b", 1, true, "b"},
+        {"tab only, no space", "a\tb", 0, false, "a\tb"}, {"single word, no space", "step_end", 0, false, "step_end"},
+        {"word of 49 bytes", word49 + " x", 0, true, word49}, {"word of 50 bytes", word50 + " x", 0, false, ""},
+        {"CR LF cut", "a b\r\n", 1, true, "b"}, {"empty line", "", 0, false, ""}, {"newline only", "\n", 0, false, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -127,7 +102,6 @@ TEST_F(ProductionScriptTest, GetParamAndSumRemainStringFollowTheWordRules)
         EXPECT_EQ(c.found, script.getParam(c.line.c_str(), c.index, out));
         EXPECT_EQ(c.word, std::string(out));
     }
-
     char out[PM_LINE_SIZE] = {};
     EXPECT_TRUE(script.sumRemainString(1, 3, "cmd a\tb  c d", out));
     EXPECT_STREQ("a b c", out);
@@ -135,54 +109,35 @@ TEST_F(ProductionScriptTest, GetParamAndSumRemainStringFollowTheWordRules)
     EXPECT_TRUE(script.sumRemainString(2, 9, "cmd a b c", out)) << "stops at the first missing word";
     EXPECT_STREQ("b c", out);
     EXPECT_FALSE(script.sumRemainString(5, 9, "cmd a b c", out));
-}
 
-TEST_F(ProductionScriptTest, HostLinesParseIntoCommandRecordsThatCopyResetAndCompare)
-{
-    EXPECT_EQ("key press 1", Describe(script.Parsing("key press 1")));
-    _tPM_Command command = script.Parsing("w p1 p2 p3 p4 p5 p6 p7 p8 p9 p10 p11");
-    EXPECT_EQ("w p1 p2 p3 p4 p5 p6 p7 p8 p9 p10", Describe(command)) << "ten parameters at most";
-    command = script.Parsing("alone ");
+    _tPM_Command command = script.Parsing("alone ");
     EXPECT_STREQ("alone", command.szWorker);
     EXPECT_TRUE(command == -1) << "no parameters";
-    command = script.Parsing("nospace");
-    EXPECT_STREQ("nospace", command.szWorker) << "a short spaceless line comes out whole";
-    EXPECT_TRUE(command == -1);
     EXPECT_TRUE(script.Parsing(nullptr) == -1);
-
-    command = script.Parsing("cmd a b");
-    char data[4] = "xyz";
+    command = script.Parsing("w p1 p2 p3 p4 p5 p6 p7 p8 p9 p10 p11");
+    EXPECT_EQ("w p1 p2 p3 p4 p5 p6 p7 p8 p9 p10", describe(command));
+    char data[8] = "payload";
     command.pData = data;
     EXPECT_TRUE(command == -1) << "data set: treated as present";
     _tPM_Command copy;
     copy = command;
-    EXPECT_EQ(data, copy.pData);
-    EXPECT_EQ("cmd a b", Describe(copy));
-    copy = 0;
-    EXPECT_STREQ("", copy.szWorker);
-    EXPECT_EQ(nullptr, copy.pData);
-    EXPECT_EQ(-1, copy.nParamCount);
+    EXPECT_EQ("w p1 p2 p3 p4 p5 p6 p7 p8 p9 p10 | 0 0 0 0 | payload", describe(copy));
 }
 
 TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThem)
 {
     Lines nested{"outer 1", "inner 1"};
     for (int i = 2; i < 30; ++i) nested.push_back(i % 2 == 1 ? "outer 1" : "inner 1");
-    const std::string word50(50, 'x');
     const struct { const char* name; std::string text; Lines run; unsigned long failedChecks; } cases[] = {
         {"comments, blank and spaceless lines",
-         "// note here\n\nstep_end\na\tb\n/a//b c\n" + word50 + " p\n#note 1\nx 1\n", {"#note 1", "x 1"}, 0},
-        {"example script", "// check\nlabel ADJ_00\nlens init 1\nlabel LOOP1\nshutter speed 1 2\ngoto LOOP1 2\nend 1\n",
-         {"lens init 1", "shutter speed 1 2", "shutter speed 1 2", "shutter speed 1 2", "end 1"}, 0},
+         "// note here\n\nstep_end\na\tb\n/a//b c\n" + std::string(50, 'x') + " p\n#note 1\nx 1\n", {"#note 1", "x 1"}, 0},
         {"count 1", "label L\nbody run 1\ngoto L 1\nend x\n", {"body run 1", "body run 1", "end x"}, 0},
-        {"count 0 loops forever", "label L\nbody run 1\ngoto L 0\nend x\n", Lines(30, "body run 1"), 0},
         {"counter back at 0 after a loop", "label A\na 1\ngoto A 1\nlabel B\nb 1\ngoto B 2\n",
          {"a 1", "a 1", "b 1", "b 1", "b 1"}, 0},
         // The inner goto uses up the count the outer one sets: the outer loop never ends.
         {"nested loops share one counter",
          "label OUT\nouter 1\nlabel IN\ninner 1\ngoto IN 1\ngoto OUT 1\nend 1\n", nested, 0},
         {"label then goto fallen into", "a 1\nlabel L\ngoto L 3\nb 1\n", {"a 1", "b 1"}, 0},
-        {"unknown label", "a 1\ngoto NOWHERE 2\nb 1\n", {"a 1"}, 1},
         {"no count", "label L\na 1\ngoto L\nb 1\n", {"a 1"}, 1},
         {"endless loop without a command", "a 1\ngoto L 0\nlabel L\ngoto L 0\nb 1\n", {"a 1"}, 1},
         {"endless counted loops without a command", "a 1\ngoto L 1\nlabel L\ngoto L 1\ngoto L 1\nb 1\n", {"a 1"}, 1},
@@ -191,23 +146,38 @@ TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThe
         SCOPED_TRACE(c.name);
         ASSERT_TRUE(MountText(c.text));
         const unsigned long before = pm::AssertionCount();
-        testing::internal::CaptureStdout();
         EXPECT_EQ(c.run, RunAll());
-        const std::string out = testing::internal::GetCapturedStdout();
         EXPECT_EQ(before + c.failedChecks, pm::AssertionCount());
-        const char* report = "Assertion Failed! --- File lib/production-mode/src/CProductionScript.cpp Line ";
-        EXPECT_EQ(c.failedChecks == 1, out.find(report) != std::string::npos);
         EXPECT_EQ(c.failedChecks == 0 && c.run.size() < 30, script.isEOF()) << "a finished run is at the end";
     }
 }
 
-TEST_F(ProductionScriptTest, LaterLabelWinsAndUnendedOrNamelessLabelsAreNotIndexed)
+TEST(ReportTest, ErrorLogIsRedOnStdoutCutToTheBufferAndInTheSystemLogAndTracesReachOnlyASink)
 {
+    TestRoot root;
     testing::internal::CaptureStdout();
-    ASSERT_TRUE(MountText("label X\na 1\nlabel X\nb 1\nlabel \nlabel LAST"));
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Assertion Failed!")) << "nameless label";
-    EXPECT_EQ(2, script.findLabel("X"));
-    EXPECT_EQ(-1, script.findLabel("LAST")) << "a last line without a newline is not indexed";
+    PM_ERROR_LOG("Wrong Line ID %d\n", 144);
+    PM_ERROR_LOG("%s", std::string(400, 'x').c_str());
+    // puts adds its own newline; a text cut to the buffer keeps the colour reset and the newline.
+    EXPECT_EQ("\x1b[31mWrong Line ID 144\x1b[m\n\n\x1b[31m" + std::string(255 - 9, 'x') + "\x1b[m\n\n",
+              testing::internal::GetCapturedStdout());
+    EXPECT_THAT(root.ReadFile("/var/log/dlog.log"), testing::HasSubstr(" E/PMODE(3): ProductionScriptTest.cpp: TestBody("));
+
+    {
+        TraceCapture traces;
+        PM_TRACE("Finalize-Done");
+        PM_TRACE_RED("line %d\n", 3);
+    }
+    PM_TRACE("not seen");
+    EXPECT_EQ((std::vector<std::string>{"\x1b[mFinalize-Done\x1b[m\n", "\x1b[31mline 3\x1b[m\n"}), TraceCapture::lines);
+}
+
+TEST(ProductionOSDTest, TextTakesAnyInputAndTheTouchResultIsZero)
+{
+    CProductionOSD* osd = CProductionOSD::GetInstance();
+    osd->Text(0, "%s", std::string(2000, 'x').c_str());
+    osd->Text(0, nullptr);
+    EXPECT_EQ(0, osd->OSD_getTouchResult());
 }
 
 } // namespace
