@@ -30,7 +30,6 @@ constexpr unsigned long kHeaderAt = 13;
 constexpr unsigned long kBodyLengthAt = 51213;
 constexpr unsigned long kBodyAt = 51217;
 constexpr unsigned long kRecordSize = 140;
-constexpr long kFreshHeaderBytes = 18620;
 constexpr long kFreshBodyBytes = 3606101;
 
 using Bytes = std::vector<uint8_t>;
@@ -42,8 +41,7 @@ struct StoredItem {
 
 struct Record {
     std::string name;
-    uint32_t offset;
-    uint32_t size;
+    uint32_t offset, size;
 };
 
 /// Bytes that tell items apart: no two items of the catalogue share a pattern.
@@ -177,11 +175,10 @@ inline std::string StoreProblem(const std::map<int, Bytes>& expected)
     if (!layout.empty()) return layout;
     const std::vector<Record> records = ReadRecords();
     if (records.size() != expected.size()) return std::to_string(records.size()) + " records";
-    std::map<int, bool> seen;
+    std::map<int, int> seen;
     for (const Record& record : records) {
         const int id = CatalogueId(record.name);
-        if (id < 0 || seen[id]) return "record " + record.name + " unknown or repeated";
-        seen[id] = true;
+        if (id < 0 || seen[id]++ > 0) return "record " + record.name + " unknown or repeated";
         if (record.size != ADJUST_DATA_LIST[id].size) return record.name + " has size " + std::to_string(record.size);
         if (ReadBody(record.offset, record.size) != expected.at(id)) return record.name + " holds other bytes";
         if (ItemBytes(id) != expected.at(id)) return "the manager reads other bytes for " + record.name;
@@ -223,13 +220,6 @@ protected:
         body.Umount();
         header.Mount(kHeaderAt, kHeaderLengthAt, pref_get_long(kAdjustGroup, kHeaderLengthAt));
         body.Mount(kBodyAt, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt));
-    }
-    /// Saves the group, forgets its image as a power cycle does and mounts the areas again.
-    void PowerCycle()
-    {
-        ASSERT_EQ(0, pref_save(kAdjustGroup));
-        pref_sim_forget_images();
-        MountAreas();
     }
     /// Puts `content` into the body area (length word included), zeros behind it.
     void SetBody(const std::string& content)
