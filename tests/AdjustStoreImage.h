@@ -44,7 +44,7 @@ struct Record {
     uint32_t offset, size;
 };
 
-/// Bytes that tell items apart: no two items of the catalogue share a pattern.
+/// Bytes that tell items apart.
 inline Bytes Pattern(int id, size_t size)
 {
     Bytes bytes(size);
@@ -74,34 +74,29 @@ inline void WriteStore(const std::vector<StoredItem>& items)
     pref_reset(kAdjustGroup);
     uint32_t offset = 0;
     for (size_t i = 0; i < items.size(); ++i) {
-        uint8_t record[kRecordSize] = {};
-        std::strncpy(reinterpret_cast<char*>(record), items[i].name.c_str(), 63);
-        std::strncpy(reinterpret_cast<char*>(record + 64), "adj_body.dat", 63);
-        const uint32_t size = static_cast<uint32_t>(items[i].bytes.size());
-        std::memcpy(record + 128, &offset, 4);
-        std::memcpy(record + 132, &size, 4);
-        pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * i, record, kRecordSize);
-        if (size > 0) pref_set_bytes(kAdjustGroup, kBodyAt + offset, items[i].bytes.data(), size);
-        offset += size;
+        _TAdjDataHeader record;
+        std::snprintf(record.name, sizeof record.name, "%s", items[i].name.c_str());
+        std::snprintf(record.file, sizeof record.file, "adj_body.dat");
+        record.offset = offset;
+        record.size = static_cast<uint32_t>(items[i].bytes.size());
+        pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * i, &record, kRecordSize);
+        if (record.size > 0) pref_set_bytes(kAdjustGroup, kBodyAt + offset, items[i].bytes.data(), record.size);
+        offset += record.size;
     }
     pref_set_long(kAdjustGroup, kHeaderLengthAt, static_cast<long>(kRecordSize * items.size()));
     pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(offset));
     pref_save(kAdjustGroup);
 }
-
 inline std::vector<Record> ReadRecords()
 {
     std::vector<Record> records;
-    const uint8_t* group = pref_get_addr(kAdjustGroup, nullptr);
     for (long at = 0; at + static_cast<long>(kRecordSize) <= pref_get_long(kAdjustGroup, kHeaderLengthAt); at += kRecordSize) {
-        const char* record = reinterpret_cast<const char*>(group + kHeaderAt + at);
-        records.push_back({std::string(record, strnlen(record, 64)), 0, 0});
-        std::memcpy(&records.back().offset, record + 128, 4);
-        std::memcpy(&records.back().size, record + 132, 4);
+        _TAdjDataHeader record;
+        std::memcpy(&record, pref_get_addr(kAdjustGroup, nullptr) + kHeaderAt + at, kRecordSize);
+        records.push_back({std::string(record.name, strnlen(record.name, sizeof record.name)), record.offset, record.size});
     }
     return records;
 }
-
 inline Bytes ReadBody(unsigned long offset, unsigned long size)
 {
     const uint8_t* body = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt + offset;
@@ -136,7 +131,7 @@ inline std::string LayoutProblem()
     return static_cast<uint64_t>(body) == end ? "" : "body area " + std::to_string(body) + " bytes, records end at " + std::to_string(end);
 }
 
-/// The stored bytes of an item as the manager reads them (the item, not the country table).
+/// The item's bytes as the manager's item reads them (not the country table).
 inline Bytes ItemBytes(int id)
 {
     CAdjustData* item = CAdjustDataManager::GetInstance()->find(id);
@@ -166,9 +161,8 @@ inline std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored
     return expected;
 }
 
-/// Empty when the group image holds exactly the catalogue's records (each once, at its
-/// catalogue size, back to back) and every item, in the image and through the manager,
-/// holds its expected bytes; otherwise the first thing that is wrong.
+/// Empty when the image holds each catalogue record once, at its size, back to back, and every
+/// item holds its expected bytes in the image and through the manager; else what is wrong.
 inline std::string StoreProblem(const std::map<int, Bytes>& expected)
 {
     const std::string layout = LayoutProblem();
@@ -221,7 +215,7 @@ protected:
         header.Mount(kHeaderAt, kHeaderLengthAt, pref_get_long(kAdjustGroup, kHeaderLengthAt));
         body.Mount(kBodyAt, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt));
     }
-    /// Puts `content` into the body area (length word included), zeros behind it.
+    /// Puts `content` into the body area and sets its length, zeros behind it.
     void SetBody(const std::string& content)
     {
         const std::string withZeros = content + std::string(4096, '\0');
