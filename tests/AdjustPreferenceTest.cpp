@@ -141,7 +141,8 @@ TEST_F(AdjustPreferenceTest, SnapshotBootRunsOncePerProcessAndAFailedMountIsTrie
     header.SelectSnapshotMaking(true);
     EXPECT_TRUE(KernelSimRecords().empty()) << "no change of the header yet";
     kernel_sim_fail_next_mount(EIO, 1);
-    ASSERT_EQ(0, header.Insert(0, 140)); // the header store's first change, selected
+    char bytes[8] = {};
+    EXPECT_FALSE(header.Write(0, bytes, 8)) << "a refused write is still the header's first change";
     EXPECT_TRUE(Traced("[/mnt/ubi2] rw mount failed [Input/output error] "));
     ASSERT_EQ(0, header.Insert(0, 140));
     EXPECT_EQ(2, kernel_sim_record_count()) << "only the first change of a store runs the command";
@@ -153,22 +154,7 @@ TEST_F(AdjustPreferenceTest, SnapshotBootRunsOncePerProcessAndAFailedMountIsTrie
     EXPECT_EQ(5, kernel_sim_record_count()) << "prepared once per process";
 }
 
-TEST_F(AdjustPreferenceTest, SnapshotBootRemountsAListedPartitionAndCountsAFailedWrite)
-{
-    ASSERT_EQ(0, kernel_sim_set_proc_mounts("rootfs / rootfs rw 0 0\n/dev/ubi2_0 /mnt/ubi2 ubifs ro,noatime 0 0\n"));
-    ASSERT_EQ(0, kernel_system(kAttach.c_str())); // attached at boot
-    kernel_sim_reset();
-    SetBody(RandomBytes(100, 9));
-    body.SelectSnapshotMaking(true);
-    EXPECT_TRUE(KernelSimRecords().empty()) << "nothing changed yet";
-    char bytes[8] = {};
-    EXPECT_FALSE(body.Write(96, bytes, 8)) << "past the end";
-    EXPECT_EQ((std::vector<std::string>{"mount(/dev/ubi2_0, /mnt/ubi2, ubifs, 0xc20, bulk_read,no_chk_data_crc)", kDirty}), KernelSimRecords())
-        << "a failed write is still the first change; no ubiattach for a mounted partition";
-    EXPECT_TRUE(Traced("[/mnt/ubi2] rw remount done! "));
-}
-
-TEST_F(AdjustPreferenceTest, CheckMountStateFindsOnlyTheWholeEntry)
+TEST_F(AdjustPreferenceTest, ResetRemountsAListedPartitionWhateverTheSelectionAndOnlyAWholeEntryIsListed)
 {
     for (auto [content, state] : {std::pair<std::string, int>{"rootfs / rootfs rw 0 0\n/dev/ubi2_0 /mnt/ubi2 ubifs rw 0 0\n", 1},
                                   {"/dev/ubi2_0 /mnt/ubi2 vfat rw 0 0\n", 0},
@@ -178,18 +164,22 @@ TEST_F(AdjustPreferenceTest, CheckMountStateFindsOnlyTheWholeEntry)
         ASSERT_EQ(0, kernel_sim_set_proc_mounts(content.c_str()));
         EXPECT_EQ(state, body.checkMountState("ubifs", "/mnt/ubi2")) << content;
     }
-}
-
-TEST_F(AdjustPreferenceTest, ResetPreparesTheSnapshotBootWhateverTheSelectionAndReportsFailures)
-{
     ASSERT_EQ(0, kernel_sim_set_proc_mounts(nullptr));
+    EXPECT_EQ(-1, body.checkMountState("ubifs", "/mnt/ubi2"));
+    EXPECT_TRUE(Traced("fopen(/proc/mounts) failed "));
+
+    ASSERT_EQ(0, kernel_sim_set_proc_mounts("/dev/ubi2_0 /mnt/ubi2 ubifs ro,noatime 0 0\n"));
+    ASSERT_EQ(0, kernel_system(kAttach.c_str())); // attached at boot
+    kernel_sim_reset();
     pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
     pref_sim_fail_next(PREF_SIM_OP_SAVE, 1);
+    traces.clear();
     CAdjustPreference never; // Reset needs no mount
     never.Reset();
-    EXPECT_EQ((std::vector<std::string>{kAttach, kMount, kDirty}), KernelSimRecords());
-    EXPECT_EQ((std::vector<std::string>{Trace("fopen(/proc/mounts) failed "), Trace("[/mnt/ubi2] rw mount done! "),
-                                        Trace("CAdjustPreference::Reset Error1"), Trace("CAdjustPreference::Reset Error2")}),
+    EXPECT_EQ((std::vector<std::string>{"mount(/dev/ubi2_0, /mnt/ubi2, ubifs, 0xc20, bulk_read,no_chk_data_crc)", kDirty}), KernelSimRecords())
+        << "no ubiattach for a mounted partition";
+    EXPECT_EQ((std::vector<std::string>{Trace("[/mnt/ubi2] rw remount done! "), Trace("CAdjustPreference::Reset Error1"),
+                                        Trace("CAdjustPreference::Reset Error2")}),
               traces);
 }
 
