@@ -36,10 +36,8 @@ TEST(AdjustCatalogueTest, TablesMatchTheirDigestsAndAStrayIdIsAFailedCheck)
     EXPECT_EQ(0x485ff1f3d1063014ull, Digest(country));
     for (int stray : {-1, 134}) {
         const unsigned long before = pm::AssertionCount();
-        testing::internal::CaptureStdout();
         EXPECT_STREQ("ADJUST_DATA_ID_UNKNOWN", get_adjust_data_id_name(static_cast<_AdjustDataID>(stray))) << stray;
-        EXPECT_EQ(0u, testing::internal::GetCapturedStdout().find("Assertion Failed! --- File lib/production-util/src/AdjustDataList.cpp"));
-        EXPECT_EQ(before + 1, pm::AssertionCount()) << stray;
+        EXPECT_EQ(before + 1, pm::AssertionCount()) << "a failed check for " << stray;
     }
 }
 
