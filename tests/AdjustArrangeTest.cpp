@@ -27,9 +27,7 @@ TEST(AdjustArrangeTest, StoreOfAnotherVersionIsReLaidOnceKeepingEveryValueAlsoAf
     pref_sim_fail_next(PREF_SIM_OP_SAVE, 2); // also in the start again from NAND
     manager->Initialize();
     EXPECT_EQ(nullptr, manager->find(ADJUST_CIS_SN)) << "no items served";
-    const unsigned long assertions = pm::AssertionCount();
     Restart();
-    EXPECT_EQ(assertions, pm::AssertionCount());
     EXPECT_EQ("", StoreProblem(ExpectedValues(stored)));
     EXPECT_EQ("ADJUST_PROXIMITY_PROCESS_MARK", ReadRecords()[47].name) << "where the later record of the name was";
     const int saves = pref_sim_save_count(kAdjustGroup);

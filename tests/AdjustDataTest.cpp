@@ -1,6 +1,5 @@
-// One adjust item on the two preference-backed stores of group 3: its header record and
-// default value on storage, Get and Set, resizing and removal, and the change-log
-// records of failing store operations.
+// One adjust item on the two stores of group 3: its record and default on storage, Get and
+// Set, resizing and removal, and the change-log records of failing store operations.
 #include "AdjustStoreImage.h"
 #include "CAdjustLogMachine.h"
 
@@ -23,8 +22,7 @@ _TDATAINFO Row(int id, uint32_t size, uint32_t value = 0)
 
 class AdjustDataTest : public StoreAreas {
 protected:
-    /// The item of record `index`: the stored one, or a new one placed at `offset` (by default
-    /// behind the last stored byte); bound to `info` when given.
+    /// The stored item of record `index`, or a new one at `offset` (-1: behind the last byte).
     CAdjustData* Item(unsigned long index, const _TDATAINFO* info, long offset = -1)
     {
         CAdjustData::_tAdjDataExtHeader record;
@@ -57,7 +55,6 @@ protected:
     }
     static intptr_t Changed(CAdjustData* item) { return item->Infomation(CAdjustData::ADJ_INFO_CHANGED); }
     static std::string BodyHex(unsigned long offset, unsigned long size) { return Hex(ReadBody(offset, size)); }
-    std::string ChangeLog() const { return root.ReadFile(CAdjustLogMachine::FILE_NAME); }
 
     std::vector<std::unique_ptr<CAdjustData>> items;
 };
@@ -71,15 +68,14 @@ TEST_F(AdjustDataTest, NewItemsGetARecordAndTheirDefaultAndResetWritesItAgain)
         EXPECT_EQ(1, item->Infomation(CAdjustData::ADJ_INFO_SIZE_STATE)) << row.name;
         ASSERT_TRUE(item->WriteToNAND(0)) << row.name;
     }
-    const std::string zeros16(32, '0');
-    EXPECT_EQ("11 0500 00000000 " + zeros16 + " 0403020100000000 efcdab", StoreHex());
+    EXPECT_EQ("11 0500 00000000 " + std::string(32, '0') + " 0403020100000000 efcdab", StoreHex());
     _TAdjDataHeader record;
     ASSERT_TRUE(header.Read(4 * kRecordSize, &record, sizeof record));
     EXPECT_EQ("ADJUST_CIS_CHIP_VERSION adj_body.dat 16909060", std::string(record.name) + " " + record.file + " " + std::to_string(record.value));
 
     SetBody(std::string(34, '\x5A'));
     for (auto& item : items) EXPECT_TRUE(item->Reset());
-    EXPECT_EQ("11 0500 00000000 " + zeros16 + " 0404040400000000 efefef", StoreHex()) << "4 x the low byte, then zeros";
+    EXPECT_EQ("11 0500 00000000 " + std::string(32, '0') + " 0404040400000000 efefef", StoreHex()) << "4 x the low byte, then zeros";
     CAdjustData empty(&header, &body);
     EXPECT_FALSE(empty.Reset()) << "size 0: nothing to write";
     CAdjustData detached(nullptr, nullptr);
@@ -87,7 +83,7 @@ TEST_F(AdjustDataTest, NewItemsGetARecordAndTheirDefaultAndResetWritesItAgain)
     EXPECT_FALSE(detached.Reset()) << "no body store";
 }
 
-TEST_F(AdjustDataTest, GetAndSetDeferredAndImmediate)
+TEST_F(AdjustDataTest, GetAndSetOfStoredResizedAndRemovedItemsAndFailedWritesKeepTheStoredValue)
 {
     BuildSmallStore();
     CAdjustData* serial = items[2].get();
@@ -119,22 +115,25 @@ TEST_F(AdjustDataTest, GetAndSetDeferredAndImmediate)
     // A failed write keeps the pending value for the retry and the old one on storage.
     body.Umount();
     EXPECT_FALSE(serial->WriteToNAND(0));
+    EXPECT_THAT(root.ReadFile(CAdjustLogMachine::FILE_NAME), testing::EndsWith("1#Body Write Fail off: 3, size: 4\n"));
     MountAreas();
     EXPECT_EQ("d4c3b2a1", BodyHex(3, 4));
     EXPECT_EQ(1, Changed(serial));
     ASSERT_TRUE(serial->WriteToNAND(0));
     EXPECT_EQ(0, Changed(serial));
     EXPECT_EQ("22c3b2a1", BodyHex(3, 4));
-}
 
-TEST_F(AdjustDataTest, ResizedItemReadsTheSharedBytesAndAnUnclaimedOneGoesWithItsBytes)
-{
-    BuildSmallStore();
-    uint32_t value = 0xAABBCCDD;
-    ASSERT_TRUE(items[2]->Set(&value, 4, true));
+    // A failed immediate write lets the caller's buffer go: the retry rewrites what storage holds.
+    body.Umount();
+    EXPECT_FALSE(serial->Set(&first, 4, true));
+    MountAreas();
+    EXPECT_EQ("22c3b2a1ee", Got(serial, 4));
+    first = 0;
+    EXPECT_TRUE(serial->WriteToNAND(0));
+    EXPECT_EQ("22c3b2a1", BodyHex(3, 4));
+
     EXPECT_EQ(0, Resize(2, ADJUST_CIS_SN, 8)->Infomation(CAdjustData::ADJ_INFO_SIZE_STATE)) << "a plain resize";
-    EXPECT_EQ("ddccbbaaeeeeeeeeee", Got(items[2].get(), 8)) << "until written, the bytes both sizes share";
-
+    EXPECT_EQ("22c3b2a1eeeeeeeeee", Got(serial, 8)) << "until written, the bytes both sizes share";
     CAdjustData* stray = Item(1, nullptr); // no catalogue row claims it: new size 0
     EXPECT_EQ(-1, stray->Infomation(CAdjustData::ADJ_INFO_SIZE_STATE));
     stray->Setup4Delete();
@@ -147,50 +146,29 @@ TEST_F(AdjustDataTest, FailingStoreStepsAreRecordedInTheChangeLog)
 {
     const _TDATAINFO empty = Row(ADJUST_CIS_CHIP_VERSION, 0);
     const struct {
-        const char* name;
         std::function<CAdjustData*()> plan;
         pref_sim_op fault;
         const char* logged;
     } cases[] = {
-        {"header insert", [&] { return Item(4, &ADJUST_DATA_LIST[ADJUST_CIS_CHIP_VERSION]); }, PREF_SIM_OP_SET_LONG, "Header Insert Fail 560, 140"},
-        {"header write", [&] { return Item(5, &ADJUST_DATA_LIST[ADJUST_CIS_CHIP_VERSION]); }, PREF_SIM_OP_COUNT, "Header Write Fail 700, 140"},
-        {"header remove", [&] { return Resize(1, ADJUST_CIS_CLAMP_LEVEL, 0); }, PREF_SIM_OP_SET_LONG, "Header Remove Fail 140, 140"},
-        {"body insert", [&] { return Resize(2, ADJUST_CIS_SN, 8); }, PREF_SIM_OP_SET_LONG,
-         "Body Insert Fail old size:4, new off: 3, new size: 8"},
-        {"body remove", [&] { return Resize(3, ADJUST_LINE_PRODUCT_NUMBER, 4); }, PREF_SIM_OP_SET_LONG,
-         "Body Remove Fail old size:16, new off: 7, new size: 4"},
-        {"size 0", [&] { return Item(4, &empty, 0); }, PREF_SIM_OP_COUNT, "[Error]ADJUST_CIS_CHIP_VERSION's size is 0"},
+        {[&] { return Item(4, &ADJUST_DATA_LIST[ADJUST_CIS_CHIP_VERSION]); }, PREF_SIM_OP_SET_LONG, "Header Insert Fail 560, 140"},
+        {[&] { return Item(5, &ADJUST_DATA_LIST[ADJUST_CIS_CHIP_VERSION]); }, PREF_SIM_OP_COUNT, "Header Write Fail 700, 140"},
+        {[&] { return Resize(1, ADJUST_CIS_CLAMP_LEVEL, 0); }, PREF_SIM_OP_SET_LONG, "Header Remove Fail 140, 140"},
+        {[&] { return Resize(2, ADJUST_CIS_SN, 8); }, PREF_SIM_OP_SET_LONG, "Body Insert Fail old size:4, new off: 3, new size: 8"},
+        {[&] { return Resize(3, ADJUST_LINE_PRODUCT_NUMBER, 4); }, PREF_SIM_OP_SET_LONG, "Body Remove Fail old size:16, new off: 7, new size: 4"},
+        {[&] { return Item(4, &empty, 0); }, PREF_SIM_OP_COUNT, "[Error]ADJUST_CIS_CHIP_VERSION's size is 0"},
     };
     int index = 0;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.logged);
         pref_sim_reset();
         MountAreas();
         BuildSmallStore();
         CAdjustData* item = c.plan();
-        const intptr_t oldSize = item->Infomation(CAdjustData::ADJ_INFO_OLD_SIZE);
         if (c.fault != PREF_SIM_OP_COUNT) pref_sim_fail_next(c.fault, 1);
         EXPECT_FALSE(item->WriteToNAND(0));
-        EXPECT_THAT(ChangeLog(), testing::EndsWith(std::to_string(++index) + "#" + c.logged + "\n"));
+        EXPECT_THAT(root.ReadFile(CAdjustLogMachine::FILE_NAME), testing::EndsWith(std::to_string(++index) + "#" + c.logged + "\n"));
         EXPECT_EQ(1, Changed(item)) << "still pending";
-        EXPECT_EQ(oldSize, item->Infomation(CAdjustData::ADJ_INFO_OLD_SIZE)) << "the stored record is kept";
     }
-}
-
-TEST_F(AdjustDataTest, FailingImmediateWriteLetsTheCallersBufferGoAndKeepsTheOldValue)
-{
-    BuildSmallStore();
-    CAdjustData* serial = items[2].get();
-    uint32_t stored = 0xCAFEF00D, lost = 0xDEADBEEF;
-    ASSERT_TRUE(serial->Set(&stored, 4, true));
-    body.Umount();
-    EXPECT_FALSE(serial->Set(&lost, 4, true));
-    EXPECT_THAT(ChangeLog(), testing::EndsWith("1#Body Write Fail off: 3, size: 4\n"));
-    MountAreas();
-    EXPECT_EQ("0df0fecaee", Got(serial, 4));
-    lost = 0; // the item must not hold on to the caller's buffer
-    EXPECT_TRUE(serial->WriteToNAND(0)) << "the retry rewrites what storage holds";
-    EXPECT_EQ("0df0feca", BodyHex(3, 4));
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #pragma once
-// Test helpers for the adjust group (preference group 3): stores built straight into the
-// group image, its records and bytes read back, and a fixture with the two areas mounted.
+// Test helpers for the adjust group (preference group 3): stores built into and read from its
+// image, and a fixture with the two areas mounted.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -141,13 +141,11 @@ inline Bytes ItemBytes(int id)
 
 inline int CatalogueId(const std::string& name)
 {
-    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id)
-        if (name == ADJUST_DATA_LIST[id].name) return id;
-    return -1;
+    const auto row = std::find_if(std::begin(ADJUST_DATA_LIST), std::end(ADJUST_DATA_LIST), [&](const _TDATAINFO& r) { return name == r.name; });
+    return row == std::end(ADJUST_DATA_LIST) ? -1 : static_cast<int>(row - ADJUST_DATA_LIST);
 }
 
-/// What every item must read after a start: its stored bytes (the last record of a name)
-/// cut or zero-extended to the catalogue size, or its default.
+/// Per item: its last stored bytes cut or zero-extended to the catalogue size, else its default.
 inline std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored)
 {
     std::map<int, Bytes> expected;
@@ -161,8 +159,7 @@ inline std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored
     return expected;
 }
 
-/// Empty when the image holds each catalogue record once, at its size, back to back, and every
-/// item holds its expected bytes in the image and through the manager; else what is wrong.
+/// Empty when each catalogue record is stored once, back to back, at its size and bytes; else what is wrong.
 inline std::string StoreProblem(const std::map<int, Bytes>& expected)
 {
     const std::string layout = LayoutProblem();
