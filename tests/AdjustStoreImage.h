@@ -1,7 +1,6 @@
 #pragma once
-// Test helpers for the adjust group (preference group 3): build a store of chosen
-// records straight into the group image, read its records and bytes back, restart the
-// manager on what NAND holds, and a fixture with the group's two areas mounted.
+// Test helpers for the adjust group (preference group 3): stores built into and read from its
+// image, and a fixture with the two areas mounted.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +30,6 @@ constexpr unsigned long kHeaderAt = 13;
 constexpr unsigned long kBodyLengthAt = 51213;
 constexpr unsigned long kBodyAt = 51217;
 constexpr unsigned long kRecordSize = 140;
-constexpr long kFreshHeaderBytes = 18620;
 constexpr long kFreshBodyBytes = 3606101;
 
 using Bytes = std::vector<uint8_t>;
@@ -43,11 +41,10 @@ struct StoredItem {
 
 struct Record {
     std::string name;
-    uint32_t offset;
-    uint32_t size;
+    uint32_t offset, size;
 };
 
-/// Bytes that tell items apart: no two items of the catalogue share a pattern.
+/// Bytes that tell items apart.
 inline Bytes Pattern(int id, size_t size)
 {
     Bytes bytes(size);
@@ -58,9 +55,8 @@ inline Bytes Pattern(int id, size_t size)
 /// The default value of a catalogue row as the item stores it (little-endian, zero fill).
 inline Bytes DefaultBytes(int id)
 {
-    const _TDATAINFO& row = ADJUST_DATA_LIST[id];
-    Bytes bytes(row.size, 0);
-    for (size_t i = 0; i < bytes.size() && i < 4; ++i) bytes[i] = static_cast<uint8_t>(row.value >> (8 * i));
+    Bytes bytes(ADJUST_DATA_LIST[id].size, 0);
+    for (size_t i = 0; i < bytes.size() && i < 4; ++i) bytes[i] = static_cast<uint8_t>(ADJUST_DATA_LIST[id].value >> (8 * i));
     return bytes;
 }
 
@@ -68,62 +64,50 @@ inline Bytes DefaultBytes(int id)
 inline std::vector<StoredItem> CatalogueWithPatterns()
 {
     std::vector<StoredItem> items;
-    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id)
-        items.push_back({ADJUST_DATA_LIST[id].name, Pattern(id, ADJUST_DATA_LIST[id].size)});
+    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) items.push_back({ADJUST_DATA_LIST[id].name, Pattern(id, ADJUST_DATA_LIST[id].size)});
     return items;
 }
 
-/// Lays the items out as a store would (records in order, bytes back to back), with the
-/// markers set, and saves the group to NAND.
+/// Lays the items out as a store would (records in order, bytes back to back) and saves it.
 inline void WriteStore(const std::vector<StoredItem>& items)
 {
     pref_reset(kAdjustGroup);
     uint32_t offset = 0;
     for (size_t i = 0; i < items.size(); ++i) {
-        uint8_t record[kRecordSize] = {};
-        std::strncpy(reinterpret_cast<char*>(record), items[i].name.c_str(), 63);
-        std::strncpy(reinterpret_cast<char*>(record + 64), "adj_body.dat", 63);
-        const uint32_t size = static_cast<uint32_t>(items[i].bytes.size());
-        std::memcpy(record + 128, &offset, 4);
-        std::memcpy(record + 132, &size, 4);
-        pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * i, record, kRecordSize);
-        if (size > 0) pref_set_bytes(kAdjustGroup, kBodyAt + offset, items[i].bytes.data(), size);
-        offset += size;
+        _TAdjDataHeader record;
+        std::snprintf(record.name, sizeof record.name, "%s", items[i].name.c_str());
+        std::snprintf(record.file, sizeof record.file, "adj_body.dat");
+        record.offset = offset;
+        record.size = static_cast<uint32_t>(items[i].bytes.size());
+        pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * i, &record, kRecordSize);
+        if (record.size > 0) pref_set_bytes(kAdjustGroup, kBodyAt + offset, items[i].bytes.data(), record.size);
+        offset += record.size;
     }
     pref_set_long(kAdjustGroup, kHeaderLengthAt, static_cast<long>(kRecordSize * items.size()));
     pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(offset));
     pref_save(kAdjustGroup);
 }
-
-/// The records of the header area as the group image holds them now.
 inline std::vector<Record> ReadRecords()
 {
     std::vector<Record> records;
-    const long length = pref_get_long(kAdjustGroup, kHeaderLengthAt);
-    const uint8_t* group = pref_get_addr(kAdjustGroup, nullptr);
-    for (long position = 0; position + static_cast<long>(kRecordSize) <= length; position += kRecordSize) {
-        const uint8_t* record = group + kHeaderAt + position;
-        Record parsed;
-        parsed.name.assign(reinterpret_cast<const char*>(record), strnlen(reinterpret_cast<const char*>(record), 64));
-        std::memcpy(&parsed.offset, record + 128, 4);
-        std::memcpy(&parsed.size, record + 132, 4);
-        records.push_back(parsed);
+    for (long at = 0; at + static_cast<long>(kRecordSize) <= pref_get_long(kAdjustGroup, kHeaderLengthAt); at += kRecordSize) {
+        _TAdjDataHeader record;
+        std::memcpy(&record, pref_get_addr(kAdjustGroup, nullptr) + kHeaderAt + at, kRecordSize);
+        records.push_back({std::string(record.name, strnlen(record.name, sizeof record.name)), record.offset, record.size});
     }
     return records;
 }
-
-/// The stored bytes of a record.
-inline Bytes ReadBody(const Record& record)
+inline Bytes ReadBody(unsigned long offset, unsigned long size)
 {
-    const uint8_t* body = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt;
-    return Bytes(body + record.offset, body + record.offset + record.size);
+    const uint8_t* body = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt + offset;
+    return Bytes(body, body + size);
 }
 
 inline std::string Hex(const Bytes& bytes)
 {
-    static const char digits[] = "0123456789abcdef";
     std::string text;
-    for (uint8_t byte : bytes) text.append({digits[byte >> 4], digits[byte & 15]});
+    char digits[3];
+    for (uint8_t byte : bytes) text.append(digits, static_cast<size_t>(std::snprintf(digits, sizeof digits, "%02x", byte)));
     return text;
 }
 
@@ -131,47 +115,37 @@ inline std::string Hex(const Bytes& bytes)
 inline std::string StoreHex()
 {
     std::string text;
-    for (const Record& record : ReadRecords()) text += (text.empty() ? "" : " ") + Hex(ReadBody(record));
+    for (const Record& record : ReadRecords()) text += (text.empty() ? "" : " ") + Hex(ReadBody(record.offset, record.size));
     return text;
 }
 
-/// Empty when every record starts where the one before ends and the body area ends with
-/// the last one; otherwise what is wrong.
+/// Empty when the records lie back to back and fill the body area; otherwise what is wrong.
 inline std::string LayoutProblem()
 {
-    uint64_t expected = 0;
+    uint64_t end = 0;
     for (const Record& record : ReadRecords()) {
-        if (record.offset != expected)
-            return record.name + " at " + std::to_string(record.offset) + ", expected " + std::to_string(expected);
-        expected += record.size;
+        if (record.offset != end) return record.name + " at " + std::to_string(record.offset) + ", expected " + std::to_string(end);
+        end += record.size;
     }
     const long body = pref_get_long(kAdjustGroup, kBodyLengthAt);
-    if (static_cast<uint64_t>(body) != expected)
-        return "body area " + std::to_string(body) + " bytes, records end at " + std::to_string(expected);
-    return "";
+    return static_cast<uint64_t>(body) == end ? "" : "body area " + std::to_string(body) + " bytes, records end at " + std::to_string(end);
 }
 
-/// The stored bytes of an item as the manager reads them (the item, not the country table).
+/// The item's bytes as the manager's item reads them (not the country table).
 inline Bytes ItemBytes(int id)
 {
     CAdjustData* item = CAdjustDataManager::GetInstance()->find(id);
-    if (item == nullptr) return Bytes();
     Bytes bytes(ADJUST_DATA_LIST[id].size);
-    if (!item->Get(bytes.data(), bytes.size())) return Bytes();
-    return bytes;
+    return item != nullptr && item->Get(bytes.data(), bytes.size()) ? bytes : Bytes();
 }
 
-/// The catalogue id of a name, -1 when no row has it.
 inline int CatalogueId(const std::string& name)
 {
-    for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id)
-        if (name == ADJUST_DATA_LIST[id].name) return id;
-    return -1;
+    const auto row = std::find_if(std::begin(ADJUST_DATA_LIST), std::end(ADJUST_DATA_LIST), [&](const _TDATAINFO& r) { return name == r.name; });
+    return row == std::end(ADJUST_DATA_LIST) ? -1 : static_cast<int>(row - ADJUST_DATA_LIST);
 }
 
-// What every item must read after the start: its stored bytes cut or zero-extended to
-// the catalogue size, or its default when the store lacked it. The last record of a name
-// is the one that counts.
+/// Per item: its last stored bytes cut or zero-extended to the catalogue size, else its default.
 inline std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored)
 {
     std::map<int, Bytes> expected;
@@ -179,36 +153,31 @@ inline std::map<int, Bytes> ExpectedValues(const std::vector<StoredItem>& stored
     for (const StoredItem& item : stored) {
         const int id = CatalogueId(item.name);
         if (id < 0) continue;
-        Bytes value = item.bytes;
-        value.resize(ADJUST_DATA_LIST[id].size, 0);
-        expected[id] = value;
+        expected[id] = item.bytes;
+        expected[id].resize(ADJUST_DATA_LIST[id].size, 0);
     }
     return expected;
 }
 
-/// Empty when the group image holds exactly the catalogue's records (each once, at its
-/// catalogue size, back to back) and every item, in the image and through the manager,
-/// holds its expected bytes; otherwise the first thing that is wrong.
+/// Empty when each catalogue record is stored once, back to back, at its size and bytes; else what is wrong.
 inline std::string StoreProblem(const std::map<int, Bytes>& expected)
 {
     const std::string layout = LayoutProblem();
     if (!layout.empty()) return layout;
     const std::vector<Record> records = ReadRecords();
     if (records.size() != expected.size()) return std::to_string(records.size()) + " records";
-    std::map<int, bool> seen;
+    std::map<int, int> seen;
     for (const Record& record : records) {
         const int id = CatalogueId(record.name);
-        if (id < 0 || seen[id]) return "record " + record.name + " unknown or repeated";
-        seen[id] = true;
+        if (id < 0 || seen[id]++ > 0) return "record " + record.name + " unknown or repeated";
         if (record.size != ADJUST_DATA_LIST[id].size) return record.name + " has size " + std::to_string(record.size);
-        if (ReadBody(record) != expected.at(id)) return record.name + " holds other bytes";
+        if (ReadBody(record.offset, record.size) != expected.at(id)) return record.name + " holds other bytes";
         if (ItemBytes(id) != expected.at(id)) return "the manager reads other bytes for " + record.name;
     }
     return "";
 }
 
-/// The directories a camera's NAND partitions hold: the change log's "/adj" and the
-/// write log's "/mnt/ubi1".
+/// The directories of the change log ("/adj") and the write log ("/mnt/ubi1").
 inline void MakeDeviceDirs(const TestRoot& root)
 {
     root.WriteFile("/adj/.keep", "");
@@ -223,8 +192,7 @@ inline void Restart()
     CAdjustDataManager::GetInstance()->Initialize();
 }
 
-/// A fresh group image with its header and body area mounted as the manager mounts
-/// them; traces and the simulated kernel's commands are recorded.
+/// A fresh group image with its two areas mounted as the manager mounts them; traces recorded.
 class StoreAreas : public testing::Test {
 protected:
     void SetUp() override
@@ -244,36 +212,21 @@ protected:
         header.Mount(kHeaderAt, kHeaderLengthAt, pref_get_long(kAdjustGroup, kHeaderLengthAt));
         body.Mount(kBodyAt, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt));
     }
-    /// Saves the group, forgets its image as a power cycle does and mounts the areas again.
-    void PowerCycle()
-    {
-        ASSERT_EQ(0, pref_save(kAdjustGroup));
-        pref_sim_forget_images();
-        MountAreas();
-    }
-    /// Puts `content` into the body area (length word included), zeros behind it.
+    /// Puts `content` into the body area and sets its length, zeros behind it.
     void SetBody(const std::string& content)
     {
         const std::string withZeros = content + std::string(4096, '\0');
-        ASSERT_EQ(4, pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(content.size())));
-        ASSERT_EQ(static_cast<int>(withZeros.size()),
-                  pref_set_bytes(kAdjustGroup, kBodyAt, withZeros.data(), withZeros.size()));
+        pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(content.size()));
+        pref_set_bytes(kAdjustGroup, kBodyAt, withZeros.data(), withZeros.size());
         MountAreas();
     }
-    /// The body area as the group image holds it (its length word and bytes).
     static std::string Body()
     {
-        const char* area = reinterpret_cast<const char*>(pref_get_addr(kAdjustGroup, nullptr) + kBodyAt);
-        return std::string(area, static_cast<size_t>(pref_get_long(kAdjustGroup, kBodyLengthAt)));
-    }
-    static std::string BodyHex(unsigned long offset, unsigned long size)
-    {
-        const uint8_t* area = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt + offset;
-        return Hex(Bytes(area, area + size));
+        const Bytes body = ReadBody(0, static_cast<unsigned long>(pref_get_long(kAdjustGroup, kBodyLengthAt)));
+        return std::string(body.begin(), body.end());
     }
     static std::string Trace(const std::string& text) { return "\x1b[m" + text + "\x1b[m\n"; }
     static bool Traced(const std::string& text) { return std::count(traces.begin(), traces.end(), Trace(text)) > 0; }
-    /// What `run` prints to standard output.
     template <class Run> static std::string Printed(Run run)
     {
         testing::internal::CaptureStdout();
