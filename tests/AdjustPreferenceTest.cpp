@@ -64,6 +64,10 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
     }
     EXPECT_TRUE(Traced("CAdjustPreference::Read Error 200, 101, 300"));
     EXPECT_EQ(original, Body()) << "a refused write lands nothing; Write never grows the area";
+    SetBody("\x7E"); // the smallest areas: the last byte can go, and an empty area takes an empty removal
+    EXPECT_EQ(0, body.Remove(0, 1));
+    EXPECT_EQ(0, body.Remove(0, 0));
+    EXPECT_EQ("", Body());
 
     body.Umount();
     traces.clear();
