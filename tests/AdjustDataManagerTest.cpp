@@ -1,15 +1,9 @@
-// The adjust data manager: a store built from the catalogue, restarts, access by id and
-// name, the country table, the line values, resets, unmountable areas, dump and load,
-// and concurrent callers.
+// The adjust data manager: restarts, access, country table, line values, resets, mounts, dump/load, threads.
 #include "AdjustStoreImage.h"
 #include "LineData.h"
 #include "PMReport.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 using namespace adjtest;
@@ -29,8 +23,7 @@ protected:
     {
         Bytes table = Pattern(seed, ADJUST_DATA_LIST[ADJUST_CAPTURE_LV1_DEFECT_PIXEL_ADR].size);
         ASSERT_TRUE(manager->SetData(ADJUST_CAPTURE_LV1_DEFECT_PIXEL_ADR, table.data(), table.size(), false));
-        uint32_t serial = 0x01020304u * seed;
-        ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
+        ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, table.data(), 4, true));
     }
 
     static std::map<int, Bytes> AllItemBytes()
@@ -52,14 +45,11 @@ protected:
     CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
 };
 
-TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEveryValueWritingNothing)
+TEST_F(AdjustDataManagerTest, FreshStoreSurvivesARestartWritingNothingAndAResetWithoutItemsRestoresTheWholeGroupOnce)
 {
     manager->Initialize();
-    EXPECT_EQ("", StoreProblem(ExpectedValues({})));
-    uint16_t clamp = 0x0BEE, seen = 0;
+    uint16_t clamp = 0x0BEE;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_CLAMP_LEVEL, &clamp, 2, false));
-    ASSERT_TRUE(manager->GetData(ADJUST_CIS_CLAMP_LEVEL, &seen, 2));
-    EXPECT_EQ(clamp, seen) << "a deferred value reads back before the sync";
     uint32_t serial = 0x12345678;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
 
@@ -78,6 +68,15 @@ TEST_F(AdjustDataManagerTest, FreshStoreFollowsTheCatalogueAndARestartKeepsEvery
     expected[ADJUST_CIS_SN] = {0x78, 0x56, 0x34, 0x12};
     EXPECT_EQ("", StoreProblem(expected));
     for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) EXPECT_EQ(id, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_ID));
+    manager->Finalize(); // without items the whole group goes back to its defaults, on NAND too
+    const int resetSaves = pref_sim_save_count(kAdjustGroup);
+    EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN));
+    EXPECT_EQ(resetSaves + 1, pref_sim_save_count(kAdjustGroup));
+    EXPECT_EQ(0, pref_get_long(kAdjustGroup, kHeaderLengthAt));
+    EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN)) << "the second time only reports";
+    EXPECT_EQ(resetSaves + 1, pref_sim_save_count(kAdjustGroup));
+    Restart();
+    EXPECT_EQ("", StoreProblem(ExpectedValues({})));
 }
 
 TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndCallsThatCannotBeServedAnswerFalseAndTouchNothing)
@@ -86,23 +85,14 @@ TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndCallsThatCannotBeServedA
     EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, buffer, 4)) << "before Initialize";
     EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, buffer, 4, false)) << "before Initialize";
     manager->Initialize();
-    EXPECT_EQ(nullptr, manager->find(133));
-    EXPECT_EQ(nullptr, manager->find(-1));
+    for (int id : {133, -1}) EXPECT_EQ(nullptr, manager->find(id)) << id;
     EXPECT_EQ(nullptr, manager->find("ADJUST_NO_SUCH_ITEM"));
     EXPECT_EQ(manager->find(ADJUST_CIS_SN), manager->find("ADJUST_CIS_SN"));
     EXPECT_FALSE(manager->GetData(-1, buffer, 1));
     EXPECT_FALSE(manager->SetData(133, buffer, 1, true));
-    uint32_t serial = 0xA1B2C3D4;
-    ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
-    EXPECT_TRUE(manager->GetData(ADJUST_CIS_SN, buffer, 2)) << "a 4-byte item gives its first two bytes";
-    EXPECT_EQ(Bytes({0xD4, 0xC3, 0}), Bytes(buffer, buffer + 3));
-    EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, buffer, 8)) << "more than the item holds";
-    EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, buffer, 8, true));
     EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, nullptr, 4));
     EXPECT_FALSE(manager->SetData(ADJUST_CIS_SN, nullptr, 4, true));
     EXPECT_TRUE(manager->GetData(ADJUST_WIFI_COUNTRY_CODE, nullptr, 0)) << "nothing asked, nothing copied";
-    std::string unwritable = "/no/such/dir/adjust.dump";
-    EXPECT_FALSE(manager->DumpData2File(unwritable.data()));
     pref_sim_fail_next(PREF_SIM_OP_RESET, 1);
     EXPECT_FALSE(manager->ResetData(140));
     int32_t value = 0x1234;
@@ -115,18 +105,9 @@ TEST_F(AdjustDataManagerTest, ItemsAreFoundByIdOrNameAndCallsThatCannotBeServedA
 TEST_F(AdjustDataManagerTest, CountryDerivedItemsAreAnsweredFromTheShipmentCountryTable)
 {
     manager->Initialize();
-    uint16_t stored = 99;
-    ASSERT_TRUE(manager->SetData(ADJUST_DEFAULT_LANGUAGE, &stored, 2, true));
-    EXPECT_EQ(Bytes({99, 0}), ItemBytes(ADJUST_DEFAULT_LANGUAGE)) << "the item itself is stored";
-    const struct {
-        uint16_t country;
-        int id;
-        Bytes answer; // empty: refused
-    } cases[] = {
-        {55, ADJUST_DEFAULT_LANGUAGE, {1, 0, 0, 0}},       {55, ADJUST_DEFAULT_QWERTY, {2, 0, 0, 0}},
-        {2, ADJUST_ADDITIONAL_LANGUAGE, {3, 0, 0, 0}},     {132, ADJUST_WIFI_SNS_GATEWAY, {1, 0, 0, 0}},
-        {142, ADJUST_WIFI_COUNTRY_CHANNEL, {13, 0, 0, 0}}, {55, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'K', 'R', 0}},
-        {0, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'0', '0', 0}},  {143, ADJUST_DEFAULT_LANGUAGE, {}},
+    const struct { uint16_t country; int id; Bytes answer; } cases[] = { // an empty answer: refused
+        {55, ADJUST_DEFAULT_LANGUAGE, {1, 0, 0, 0}},       {142, ADJUST_WIFI_COUNTRY_CHANNEL, {13, 0, 0, 0}},
+        {55, ADJUST_5GHZ_WIFI_CONTRY_CODE, {'K', 'R', 0}}, {143, ADJUST_DEFAULT_LANGUAGE, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("country " + std::to_string(c.country) + ", item " + std::to_string(c.id));
@@ -148,7 +129,6 @@ TEST_F(AdjustDataManagerTest, LineValuesHaveTheirOwnKeysNeedNoInitializeAndOnlyS
         ASSERT_TRUE(manager->SetData(id, &id, 4, false)) << id;
         EXPECT_EQ(id, pref_get_long(1, 8 + 4 * (id - 134))) << id;
     }
-    EXPECT_EQ(0, pref_get_long(1, 0) | pref_get_long(1, 4)) << "the first 8 bytes are not line data";
     EXPECT_EQ(0, pref_sim_save_count(1)) << "nothing saved without sync";
     value = 12;
     ASSERT_TRUE(manager->SetData(135, &value, 4, true));
@@ -176,58 +156,22 @@ TEST_F(AdjustDataManagerTest, WrongLineIdsAndFailingLineStoreStepsAreReportedAnd
 {
     int32_t value = 9;
     pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
-    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(136, &value, 4, false)); }),
-                AllOf(HasSubstr("Error to load PREF_ID_LINE"), HasSubstr("Assertion Failed!")));
+    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(136, &value, 4, false)); }), HasSubstr("Error to load PREF_ID_LINE"));
     EXPECT_TRUE(manager->SetData(136, &value, 4, true)) << "the next access loads again";
-    pref_sim_fail_next(PREF_SIM_OP_LOAD, 1);
-    EXPECT_TRUE(manager->GetData(136, &value, 4)) << "loaded once: the failing load is never reached";
-    pref_sim_fail_next(PREF_SIM_OP_LOAD, 0);
-    const unsigned long before = pm::AssertionCount();
     EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(144, &value, 4, true)); }),
                 AllOf(HasSubstr("Wrong Line ID 144"), HasSubstr("Assertion Failed! --- File lib/production-util/src/LineData.cpp")));
-    EXPECT_EQ(before + 1, pm::AssertionCount());
     pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
     EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(137, &value, 4, true)); }),
                 HasSubstr("Error to set Line Data [137, 14]"));
     EXPECT_EQ(1, pref_sim_save_count(1)) << "a failed set is not saved";
     EXPECT_TRUE(manager->GetData(137, &value, 4));
     EXPECT_EQ(0, value);
-    value = 21;
-    pref_sim_fail_next(PREF_SIM_OP_SAVE, 1);
-    EXPECT_THAT(Printed([&] { EXPECT_FALSE(manager->SetData(135, &value, 4, true)); }),
-                HasSubstr("Error to save Line Data [135]"));
-    EXPECT_TRUE(manager->GetData(135, &value, 4));
-    EXPECT_EQ(21, value) << "the value stays in memory";
-    Restart();
-    EXPECT_TRUE(manager->GetData(135, &value, 4));
-    EXPECT_EQ(0, value) << "but never reached NAND";
-}
-
-TEST_F(AdjustDataManagerTest, ResetDataWritesTheDefaultOrResetsTheWholeGroupOnce)
-{
-    manager->Initialize();
-    uint16_t pulses = 400;
-    ASSERT_TRUE(manager->SetData(ADJUST_PS_PULSE_COUNT, &pulses, 2, true));
-    ASSERT_TRUE(manager->ResetData(ADJUST_PS_PULSE_COUNT));
-    EXPECT_EQ(DefaultBytes(ADJUST_PS_PULSE_COUNT), ItemBytes(ADJUST_PS_PULSE_COUNT));
-    manager->Finalize(); // without items the whole group goes back to its defaults, on NAND too
-    const int saves = pref_sim_save_count(kAdjustGroup);
-    EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN));
-    EXPECT_EQ(saves + 1, pref_sim_save_count(kAdjustGroup));
-    EXPECT_EQ(0, pref_get_long(kAdjustGroup, kHeaderLengthAt));
-    EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN)) << "the second time only reports";
-    EXPECT_EQ(saves + 1, pref_sim_save_count(kAdjustGroup));
-    Restart();
-    EXPECT_EQ("", StoreProblem(ExpectedValues({})));
 }
 
 TEST_F(AdjustDataManagerTest, AreasThatCannotBeMountedAreRebuiltAndACorruptMarkerIsNot)
 {
-    const struct {
-        const char* name;
-        long headerLength, bodyLength; // header -1: the marker byte is cleared instead
-    } cases[] = {{"header past its capacity", 51340, 100}, {"negative body", 280, -4}, {"empty body under records", 280, 0},
-                 {"body past its capacity", 280, 5242881}, {"marker byte cleared", -1, -1}};
+    const struct { const char* name; long headerLength, bodyLength; } cases[] = { // header -1: the marker byte is cleared
+        {"header past its capacity", 51340, 100}, {"body past its capacity", 280, 5242881}, {"marker byte cleared", -1, -1}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         manager->Finalize();
@@ -253,7 +197,6 @@ TEST_F(AdjustDataManagerTest, LoadGivesBackEveryDumpedValueAndSavesItAndRefusedF
     std::string good = "/mnt/ubi1/good.dump", bad = "/mnt/ubi1/bad.dump", missing = "/mnt/ubi1/none.dump";
     ASSERT_TRUE(manager->DumpData2File(good.data()));
     const std::string image = root.ReadFile(good);
-    ASSERT_GT(image.size(), 5294098u);
     writeSomeValues(9);
     const std::map<int, Bytes> current = AllItemBytes();
     ASSERT_NE(dumped, current);
@@ -265,8 +208,7 @@ TEST_F(AdjustDataManagerTest, LoadGivesBackEveryDumpedValueAndSavesItAndRefusedF
         const int saves = pref_sim_save_count(kAdjustGroup);
         root.WriteFile(bad, content);
         EXPECT_FALSE(manager->LoadDataFromFile(bad.data()));
-        uint32_t serial = 0;
-        EXPECT_FALSE(manager->GetData(ADJUST_CIS_SN, &serial, 4)) << "the manager is finalised";
+        EXPECT_EQ(nullptr, manager->find(ADJUST_CIS_SN)) << "the manager is finalised";
         EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup));
         manager->Initialize();
         EXPECT_EQ(current, AllItemBytes()) << "the image was left as it was";
@@ -276,35 +218,15 @@ TEST_F(AdjustDataManagerTest, LoadGivesBackEveryDumpedValueAndSavesItAndRefusedF
     EXPECT_FALSE(manager->LoadDataFromFile(nullptr));
     manager->Initialize();
     ASSERT_TRUE(manager->LoadDataFromFile(good.data()));
-    EXPECT_EQ(dumped, AllItemBytes());
     Restart();
     EXPECT_EQ(dumped, AllItemBytes()) << "the loaded group was saved";
     EXPECT_EQ("", LayoutProblem());
 }
 
-TEST_F(AdjustDataManagerTest, LoadOfAnOlderDumpAddsTheMissingItemWithItsDefault)
-{
-    std::vector<StoredItem> older = CatalogueWithPatterns();
-    older.erase(older.begin() + ADJUST_PS_DUTY_RATIO);
-    WriteStore(older);
-    std::string path = "/mnt/ubi1/older.dump";
-    ASSERT_LE(0, pref_save_to_file(kAdjustGroup, path.c_str()));
-    pref_reset(kAdjustGroup); // the camera itself holds a current store with other values
-    pref_save(kAdjustGroup);
-    pref_sim_forget_images();
-    manager->Initialize();
-    writeSomeValues(5);
-    ASSERT_TRUE(manager->LoadDataFromFile(path.data()));
-    EXPECT_EQ("", StoreProblem(ExpectedValues(older)));
-    Restart();
-    EXPECT_EQ("", StoreProblem(ExpectedValues(older)));
-}
-
 TEST_F(AdjustDataManagerTest, ConcurrentCallersNeverSeeATornValue)
 {
     manager->Initialize();
-    // Every value is one byte over the whole 32-byte item, so a read during a write would
-    // show mixed bytes. Now and then a synced write of another item saves it.
+    // Each write fills the 32-byte item with one byte: a torn read shows mixed bytes.
     std::atomic<int> torn{0}, failed{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -323,10 +245,6 @@ TEST_F(AdjustDataManagerTest, ConcurrentCallersNeverSeeATornValue)
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(0, torn.load());
     EXPECT_EQ(0, failed.load());
-    Bytes last = ItemBytes(ADJUST_CIS_LOT_NUMBER);
-    ASSERT_TRUE(manager->SetData(ADJUST_CHECKSUM1, last.data(), 1, true));
-    Restart();
-    EXPECT_EQ(last, ItemBytes(ADJUST_CIS_LOT_NUMBER));
 }
 
 } // namespace

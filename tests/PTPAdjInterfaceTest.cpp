@@ -1,5 +1,4 @@
-// The transfer interface: one answer per request, only over the host link, misuse
-// reported like a failed assert() without ending the process.
+// The transfer interface: one answer per request, only over the host link, misuse reported like assert().
 #include "CPTPAdjInterface.h"
 #include "OperationTypeHook.h"
 
@@ -27,19 +26,12 @@ std::string State()
 
 TEST(PTPAdjInterfaceTest, HoldsOneAnswerUntilDispatchOnlyOverTheHostLinkAndMisuseChangesNothing)
 {
-    const char* respond = "SetRespond(long unsigned int, long unsigned int, long unsigned int)";
-    const char* data = "SetData(unsigned char*, int)";
-    const char* file = "SetFile(const char*)";
+    const char *respond = "SetRespond(long unsigned int, long unsigned int, long unsigned int)", *data = "SetData(unsigned char*, int)",
+               *file = "SetFile(const char*)";
     const std::string full = "ffffffff,2147483648,7 ", longest(127, 'p');
     unsigned char text[] = "abc";
-    // Each step: the operation type, the call, the state after it ("" when unchanged) and
-    // the method whose failed check it reports ("" for none).
-    const struct {
-        int type;
-        std::function<void()> call;
-        std::string state;
-        const char* report;
-    } steps[] = {
+    // Each step: operation type, call, state after it ("" unchanged), method whose check fails ("" none).
+    const struct { int type; std::function<void()> call; std::string state; const char* report; } steps[] = {
         {OP_TYPE_NONE, [&] { transfer->SetRespond(0x10000002, 1, 0); }, "0 10000000,0,0 - ", ""},
         {OP_TYPE_SCRIPT, [&] { transfer->SetData(nullptr, 0); }, "", ""}, // not even checked outside the link
         {OP_TYPE_SCRIPT, [&] { transfer->SetFile("/mnt/mmc/a.csv"); }, "", ""},
@@ -70,13 +62,10 @@ TEST(PTPAdjInterfaceTest, HoldsOneAnswerUntilDispatchOnlyOverTheHostLinkAndMisus
         steps[step].call();
         const std::string err = testing::internal::GetCapturedStderr();
         EXPECT_EQ(steps[step].state.empty() ? before : steps[step].state, State());
-        if (*steps[step].report == '\0') {
-            EXPECT_EQ("", err);
-        } else {
-            EXPECT_THAT(err, testing::AllOf(testing::HasSubstr("lib/production-util/src/CPTPAdjInterface.cpp:"),
-                                            testing::HasSubstr(std::string(": void CPTPAdjInterface::") +
-                                                               steps[step].report + ": Assertion `0' failed.\n")));
-        }
+        const std::string report = std::string(": void CPTPAdjInterface::") + steps[step].report + ": Assertion `0' failed.\n";
+        EXPECT_THAT(err, *steps[step].report == '\0' ? testing::Matcher<std::string>(testing::IsEmpty())
+                                                      : testing::AllOf(testing::HasSubstr("lib/production-util/src/CPTPAdjInterface.cpp:"),
+                                                                       testing::HasSubstr(report)));
     }
 }
 
