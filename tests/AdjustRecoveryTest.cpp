@@ -1,6 +1,7 @@
 // After a failure nothing unsaved is acknowledged and a fault anywhere leaves one whole image.
 #include "AdjustStoreImage.h"
 #include "FileFaults.h"
+#include "PmodeToolRun.h"
 #include "PMReport.h"
 
 #include <sys/wait.h>
@@ -154,10 +155,16 @@ TEST_F(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItK
 TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
 {
     bool answered = false;
+    unsigned long checks = 0, syncsLogged = 0;
+    auto syncDoneLines = [&] {
+        return static_cast<unsigned long>(pmtool::Count(root.ReadFile("/mnt/ubi1/log/adj_log.inf"), "SetData(): sync done \n"));
+    };
     auto prepare = [&] {
         PutOnNand(CatalogueWithPatterns());
         manager->Initialize();
         answered = false;
+        checks = pm::AssertionCount();
+        syncsLogged = syncDoneLines();
     };
     auto op = [&] {
         uint32_t value = 0xA5A5F00D;
@@ -165,6 +172,10 @@ TEST_F(AdjustRecoveryTest, SyncedWriteSurvivesAFaultAtEveryFileOperation)
     };
     Sweep(prepare, op, [&](bool killed, bool newImage) {
         EXPECT_TRUE(newImage || !answered) << "acknowledged but not on NAND";
+        if (!killed && !answered) {
+            EXPECT_LT(checks, pm::AssertionCount()) << "a write that is not saved is reported";
+            EXPECT_EQ(syncsLogged, syncDoneLines()) << "no \"sync done\" for a write that is not saved";
+        }
         std::map<int, Bytes> expected = ExpectedValues(CatalogueWithPatterns());
         if (newImage) expected[ADJUST_CIS_SN] = Bytes{0x0D, 0xF0, 0xA5, 0xA5};
         if (!killed) {
