@@ -2,6 +2,7 @@
 #include "AdjustDataList.h"
 #include "CAdjustData.h"
 #include "CAdjustLogMachine.h"
+#include "FileSizeLimit.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
@@ -157,6 +158,11 @@ TEST_F(AdjustLogMachineTest, UnusableLogFileIsReportedNotFatal)
     g_failSync = true; // the line may be in the file, but the record is reported as lost
     EXPECT_EQ(std::string("write1line[S]: ") + std::to_string(EIO) + ", " + std::strerror(EIO), outputOf("unsynced"));
     g_failSync = false;
+    root.WriteFile(kLog, numberedLines(20));
+    {
+        FileSizeLimit full(100); // the log already holds more: nothing can be added
+        EXPECT_EQ(std::string("write1line[W]: ") + std::to_string(EFBIG) + ", " + std::strerror(EFBIG), outputOf("full"));
+    }
 
     std::filesystem::remove(root.Host(kLog));
     std::filesystem::create_directories(root.Host(kLog)); // it can be neither read nor written
