@@ -50,9 +50,11 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
         EXPECT_EQ(-5, body.Remove(offset, size)) << offset;
         EXPECT_EQ((std::vector<std::string>{Trace("CAdjustPreference::Remove Error : -5")}), traces);
     }
+    traces.clear();
     EXPECT_EQ(0, body.Remove(160, 140)) << "up to the last byte";
     EXPECT_FALSE(root.Exists(kTemporary));
     EXPECT_EQ(0, body.Insert(100, 1100)) << "inside: the tail moves through a temporary";
+    EXPECT_EQ(std::vector<std::string>{}, traces) << "moves that succeed trace no error";
     EXPECT_EQ(original.substr(0, 100) + std::string(1100, '\0') + original.substr(100, 60), Body());
     EXPECT_FALSE(root.Exists(kTemporary));
     SetBody(original);
