@@ -11,8 +11,7 @@ namespace {
 
 using namespace controller_test;
 
-const std::string kDone = "Param3=0 Param2=0 Param1=10000000";
-const std::string kFailed = "Param3=0 Param2=1 Param1=10000002";
+const std::string kDone = "Param3=0 Param2=0 Param1=10000000", kFailed = "Param3=0 Param2=1 Param1=10000002";
 
 class HostLinkRunTest : public ControllerTest {
 protected:
@@ -88,7 +87,8 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
         {"!op 10011000 20002 0 0 4", kFailed, "CAP: shutter shutter_speed2 1 | 4 2 0 0 | PAYLOAD"},
         {"line_process cis_data 0", kDone, "ETC: line_process cis_data 0"},
         {"op 10021000 1 2 3 4", "Param3=0 Param2=0 Param1=10020002", "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},
-        {"line_process cis 0", kDone, "CAP: line_process cis 0"},         {"op 10021001 1 2 3 4", "Param3=0 Param2=0 Param1=10020000", "CAP: line_process cis_data_info 0 | 1 2 3 4"},
+        {"line_process cis 0", kDone, "CAP: line_process cis 0"},
+        {"op 10021001 1 2 3 4", "Param3=0 Param2=0 Param1=10020000", "CAP: line_process cis_data_info 0 | 1 2 3 4"},
         {"line_process paf 1", kDone, "CAP: line_process paf 1"}, {"!op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
         {"op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
         {"op 10040001 0 0 0 0", kFailed, ""}, {"op 10090000 0 0 0 0", kFailed, ""},

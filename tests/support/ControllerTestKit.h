@@ -32,9 +32,7 @@ constexpr const char* kPayload = "/var/run/memory/private/pmode_shutter_data";
 // Written by the controller's and the store's threads, read by the test.
 inline std::mutex logMutex;
 inline std::condition_variable logChanged; ///< notified with every entry
-inline Lines loggedCalls;                  ///< "<worker>: <describe()>", in the order of Execute
-inline Lines loggedTraces;                 ///< every trace composed while captured
-inline Lines loggedAnswers;                ///< "<key suffix>=<value>" per set of an answer key, integers in hex
+inline Lines loggedCalls, loggedTraces, loggedAnswers; ///< "<worker>: <describe()>"; traces; "<key suffix>=<hex or text>"
 
 inline void record(Lines& list, std::string entry)
 {
