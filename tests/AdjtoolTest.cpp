@@ -85,9 +85,7 @@ TEST_F(AdjtoolTest, NothingIsShownOrPassedThatWasNotSaved)
         {"adjtool load " + dump, 1, {"loading " + dump + " failed"}, {"loaded"}},
         {image + "set ADJUST_CIS_SN 6", 1, {"ADJUST_CIS_SN was not saved"}, {"6 (0x00000006)"}}};
     {
-        // A NAND (and an image file) too small for any group: every save fails. (Failure messages here
-        // are cut when the test's own output goes to a file.)
-        FileSizeLimit full(64);
+        FileSizeLimit full(64); // NAND and image file too small for any group: every save fails
         ExpectRuns(cases);
     }
     ExpectRuns({{"adjtool get 27", 0, {" 9 (0x00000009)"}}, {"adjtool get 135", 0, {"  0\n"}}, {image + "get 27", 0, {" 9 (0x00000009)"}}});

@@ -1,5 +1,4 @@
-// Host-link sessions driven through the simulated key-value store the way the factory
-// PC drives them: requests written to the request keys, answers read from the response keys.
+// Host-link sessions as the factory PC drives them: requests to the request keys, answers from the response keys.
 #include "ControllerTestKit.h"
 #include "pref_sim.h"
 
@@ -12,8 +11,7 @@ namespace {
 
 using namespace controller_test;
 
-const std::string kDone = "Param3=0 Param2=0 Param1=10000000";
-const std::string kFailed = "Param3=0 Param2=1 Param1=10000002";
+const std::string kDone = "Param3=0 Param2=0 Param1=10000000", kFailed = "Param3=0 Param2=1 Param1=10000002";
 
 class HostLinkRunTest : public ControllerTest {
 protected:
@@ -22,9 +20,8 @@ protected:
         ControllerTest::SetUp();
         root.WriteFile("/mnt/mmc/info.tgw", "factory");
         root.WriteFile(kPayload, "PAYLOAD-BYTES");
-        for (const char* group : {"LENS", "UI", "DD", "CAP", "ETC"}) { // the registry deletes them at exit
+        for (const char* group : {"LENS", "UI", "DD", "CAP", "ETC"}) // the registry deletes them at exit
             CWorkerFactory::GetInstance()->AddWorker(new TestWorker(group, [this](_tPM_Command& c) { return Serve(c); }));
-        }
     }
 
     /// Besides logging, a worker writes the strobe process mark given as third parameter or starts recording.
@@ -46,16 +43,13 @@ protected:
         ASSERT_TRUE(traced("vconf_add_chaged_cb success for key : memory/private/pmode_protocol1", 5s));
     }
 
-    /// Sends a request and returns the answer ("" when none is complete within 5 s). A request is a
-    /// script line, or "op <code> <p1> <p2> <p3> <p4>" in hexadecimal for a protocol operation,
-    /// arguments first; "!op" makes the worker fail the operation.
+    /// The answer ("" after 5 s) to a script line or "op <code> <p1..p4>" in hex ("!op": the worker fails it).
     std::string Exchange(const std::string& request)
     {
         failNext = request[0] == '!';
         uint32_t code = 0, args[4] = {};
         if (request.compare(failNext ? 1 : 0, 3, "op ") == 0) {
-            std::sscanf(request.c_str() + request.find(' '), "%x %x %x %x %x", &code, &args[0], &args[1], &args[2],
-                        &args[3]);
+            std::sscanf(request.c_str() + request.find(' '), "%x %x %x %x %x", &code, &args[0], &args[1], &args[2], &args[3]);
             for (int i = 0; i < 4; ++i) vconf_set_int(kProtocolKeys[i + 1], static_cast<int>(args[i]));
             vconf_set_int(kProtocolKeys[0], static_cast<int>(code));
         } else {
@@ -74,17 +68,11 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
     ASSERT_EQ(0, symlink("/dev/full", root.Host("/mnt/mmc/full.txt").c_str())); // a full card
     StartSession();
     const unsigned long checksBefore = pm::AssertionCount();
-    struct Step {
-        const char* request;
-        std::string answer;
-        std::string call; // "" when no worker runs
-    } steps[] = {
+    const std::tuple<const char*, std::string, std::string> steps[] = { // request, answer, call ("": no worker runs)
         // Before any script line no worker can run an operation: a failed check, a failure.
         {"op 10030000 1 2 0 0", kFailed, ""},
-        {"lens init 1", kDone, "LENS: lens init 1"},
-        {"key fail 2", kFailed, "UI: key fail 2"},
-        {"line_process strobe flash_write &", "Param3=0 Param2=0 Param1=10000002",
-         "CAP: line_process strobe flash_write &"},
+        {"lens init 1", kDone, "LENS: lens init 1"}, {"key fail 2", kFailed, "UI: key fail 2"},
+        {"line_process strobe flash_write &", "Param3=0 Param2=0 Param1=10000002", "CAP: line_process strobe flash_write &"},
         {"line_process strobe flash_write ^", kFailed, "CAP: line_process strobe flash_write ^"},
         {"line_process strobe flash_read &", kDone, "CAP: line_process strobe flash_read &"},
         // Nothing serves it, nothing is prepared: the values held are sent again.
@@ -101,43 +89,33 @@ TEST_F(HostLinkRunTest, EveryRequestIsAnsweredByTheWorkerItNamesOrByTheLoop)
         {"op 10021000 1 2 3 4", "Param3=0 Param2=0 Param1=10020002", "ETC: line_process cis_data2 0 | 4 1 2 3 | PAYLOAD"},
         {"line_process cis 0", kDone, "CAP: line_process cis 0"},
         {"op 10021001 1 2 3 4", "Param3=0 Param2=0 Param1=10020000", "CAP: line_process cis_data_info 0 | 1 2 3 4"},
-        {"line_process paf 1", kDone, "CAP: line_process paf 1"},
-        {"!op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
+        {"line_process paf 1", kDone, "CAP: line_process paf 1"}, {"!op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
         {"op 10040000 0 0 0 0", kFailed, "CAP: line_process paf2 1"},
-        {"op 10040001 0 0 0 0", kFailed, ""},
-        {"op 10090000 0 0 0 0", kFailed, ""},
+        {"op 10040001 0 0 0 0", kFailed, ""}, {"op 10090000 0 0 0 0", kFailed, ""},
         // Recorded lines go to the card, not to a worker; the line that ends recording is run.
         {"data create_file on record.txt", kDone, "DD: data create_file on record.txt"},
-        {"adj_result 1 2", kDone, ""},
-        {"lens init 1", kDone, ""},
-        {"shutter_log a", kDone, ""},
-        {"sys_14 b", kDone, ""},
+        {"adj_result 1 2", kDone, ""}, {"lens init 1", kDone, ""}, {"shutter_log a", kDone, ""}, {"sys_14 b", kDone, ""},
         {"data create_file off", kDone, "DD: data create_file off"},
         {"data create_file on folder", kDone, "DD: data create_file on folder"},
         {"adj_result 1 2", kFailed, ""}, // a failed check
         {"data create_file off", kDone, "DD: data create_file off"},
-        {"data create_file on full.txt", kDone, "DD: data create_file on full.txt"},
-        {"lens init 3", kFailed, ""},
-        {"data create_file off", kDone, "DD: data create_file off"},
-    };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(step.request);
-        EXPECT_EQ(step.answer, Exchange(step.request));
-        EXPECT_EQ(step.call.empty() ? Lines{} : Lines{step.call}, calls(true));
+        {"data create_file on full.txt", kDone, "DD: data create_file on full.txt"}, {"lens init 3", kFailed, ""},
+        {"data create_file off", kDone, "DD: data create_file off"}};
+    for (const auto& [request, answer, call] : steps) {
+        SCOPED_TRACE(request);
+        EXPECT_EQ(answer, Exchange(request));
+        EXPECT_EQ(call.empty() ? Lines{} : Lines{call}, calls(true));
     }
     // Line data that cannot take the adjust result: a failed check, no answer of the worker's own.
     pref_sim_fail_next(PREF_SIM_OP_SET_LONG, 1);
     EXPECT_EQ(kDone, Exchange("line_process strobe flash_write &"));
     EXPECT_EQ(checksBefore + 4, pm::AssertionCount());
-    for (const char* trace : {"CMD FAIL: key, fail, 2", "Worker None: no_such_command, x, 1",
-                              "Worker None: line_process, paf, 1", "File Open ERROR"}) {
+    for (const char* trace : {"CMD FAIL: key, fail, 2", "Worker None: no_such_command, x, 1", "Worker None: line_process, paf, 1", "File Open ERROR"})
         EXPECT_TRUE(traced(trace)) << trace;
-    }
     EXPECT_EQ("adj_result.csv 1 2\nlens init 1\nshutter_log.csv a\nsys_14.csv b\n", root.ReadFile("/mnt/mmc/record.txt"));
     int stored = 0;
     ASSERT_TRUE(CAdjustDataManager::GetInstance()->GetData(137, &stored, sizeof stored));
     EXPECT_EQ(PM_RESULT_FAIL, stored);
-    // A name whose path would not fit is refused.
     EXPECT_FALSE(mode->StartCreateFile(std::string(55, 'n')));
     EXPECT_FALSE(mode->StartCreateFile(""));
     EXPECT_TRUE(mode->StartCreateFile(std::string(54, 'n')));

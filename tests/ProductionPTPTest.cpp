@@ -1,5 +1,4 @@
-// The host message channel over the simulated key-value store, driven directly: hand-over, payloads,
-// answers, failures of the store, stopping, and a request from another process.
+// The host message channel over the simulated key-value store, driven directly.
 #include "ControllerTestKit.h"
 #include "OperationTypeHook.h"
 
@@ -43,8 +42,7 @@ TEST_F(ProductionPTPTest, ScriptLinesAreHandedOverOneAtATimeAndAnsweredParam3Fir
     int trigger = -1;
     EXPECT_EQ(0, vconf_get_int(kProtocolKeys[0], &trigger));
     EXPECT_EQ(0, trigger);
-    // A trigger of 0, a script line that is no string, a trigger that is no integer and
-    // notifications without their key start nothing; neither do Mount's own sets.
+    // Mount's own sets, a trigger of 0 or no integer, a line no string, a key-less notification: no request.
     vconf_set_int(kProtocolKeys[0], 0);
     vconf_set_int(kScriptKey, 12);
     vconf_set_str(kProtocolKeys[0], "0x30001");
@@ -88,61 +86,49 @@ TEST_F(ProductionPTPTest, ScriptLinesAreHandedOverOneAtATimeAndAnsweredParam3Fir
 
 TEST_F(ProductionPTPTest, RequestFromAnotherProcessIsServedAndItsAnswerReadThere)
 {
-    const std::string tool = std::getenv("PM_TEST_BINARY_DIR") + std::string("/tools/pmode-kv/pmode-kv"); // always set
+    const std::string tool = std::getenv("PM_TEST_BINARY_DIR") + std::string("/tools/pmode-kv/pmode-kv"); // the PC's side
     ASSERT_TRUE(channel.Mount());
-    // The PC's side, played by another process: it watches the answer keys and writes the request.
     const std::string keys = std::string(kAnswerKeys[0]) + " " + kAnswerKeys[1] + " " + kAnswerKeys[2];
     FILE* watcher = popen((tool + " watch -n 3 " + keys).c_str(), "r");
     ASSERT_NE(nullptr, watcher);
     char line[256];
     ASSERT_NE(nullptr, std::fgets(line, sizeof line, watcher));
-    EXPECT_EQ(uint32_t{PTP_MSG_SCRIPT}, Request([&] {
-                  ASSERT_EQ(0, std::system((tool + " set memory/private/pmode 'capture adjust cis 7'").c_str()));
-              }));
+    const std::string set = tool + " set memory/private/pmode 'capture adjust cis 7'";
+    EXPECT_EQ(uint32_t{PTP_MSG_SCRIPT}, Request([&] { EXPECT_EQ(0, std::system(set.c_str())); }));
     EXPECT_EQ("capture adjust cis 7", describe(channel.ReadScript()));
     transfer->SetRespond(0x10000002, 0, 5);
     EXPECT_EQ(0, channel.SendPTP());
     std::string seen;
     while (std::fgets(line, sizeof line, watcher) != nullptr) seen += line;
     EXPECT_EQ(0, pclose(watcher));
-    EXPECT_EQ("memory/private/pmode_Param3=5\nmemory/private/pmode_Param2=0\nmemory/private/pmode_Param1=268435458\n",
-              seen);
+    EXPECT_EQ("memory/private/pmode_Param3=5\nmemory/private/pmode_Param2=0\nmemory/private/pmode_Param1=268435458\n", seen);
 }
 
 TEST_F(ProductionPTPTest, ReceiveReadsTheOperationKeysAndThePayloadAndReportsWhatItCannotRead)
 {
     const int keys[5] = {0x30001, 11, -22, 33, 44};
-    struct Case {
-        const char* name;
-        std::string payload; // "-": no payload file
-        int keysSet;    // the first keys set before the call
-        int result;
-        int valuesRead; // the first values read; the others keep -9
-    } cases[] = {
-        {"payload, no keys", "abc", 0, -5, 0},
-        {"payload still held", "abc", 0, -3, 0},
-        {"no payload, p2 missing", "-", 2, -5, 2},
-        {"no payload, p3 and p4 missing", "-", 3, 0, 3},
-        {"payload with a NUL", std::string("\x01\x00\xFFraw", 6), 5, 0, 5},
-        {"empty payload", "", 5, -4, 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    // name, payload ("-": none), the first keys set, result, the first values read (the others keep -9)
+    const std::tuple<const char*, std::string, int, int, int> cases[] = {
+        {"payload, no keys", "abc", 0, -5, 0}, {"payload still held", "abc", 0, -3, 0}, {"no payload, p2 missing", "-", 2, -5, 2},
+        {"no payload, p3 and p4 missing", "-", 3, 0, 3}, {"payload with a NUL", std::string("\x01\x00\xFFraw", 6), 5, 0, 5},
+        {"empty payload", "", 5, -4, 0}};
+    for (const auto& [name, payload, keysSet, result, valuesRead] : cases) {
+        SCOPED_TRACE(name);
         std::remove(root.Host(kPayload).c_str());
-        if (c.payload != "-") root.WriteFile(kPayload, c.payload);
-        for (int i = 0; i < c.keysSet; ++i) ASSERT_EQ(0, vconf_set_int(kProtocolKeys[i], keys[i]));
+        if (payload != "-") root.WriteFile(kPayload, payload);
+        for (int i = 0; i < keysSet; ++i) ASSERT_EQ(0, vconf_set_int(kProtocolKeys[i], keys[i]));
         const unsigned long checks = pm::AssertionCount();
         std::vector<int> read(5, -9);
         char sentinel = 0;
         char* data = &sentinel;
-        EXPECT_EQ(c.result, channel.ReceivePTP(read[0], read[1], read[2], read[3], read[4], &data));
-        for (int i = 0; i < 5; ++i) EXPECT_EQ(i < c.valuesRead ? keys[i] : -9, read[i]) << "value " << i;
+        EXPECT_EQ(result, channel.ReceivePTP(read[0], read[1], read[2], read[3], read[4], &data));
+        for (int i = 0; i < 5; ++i) EXPECT_EQ(i < valuesRead ? keys[i] : -9, read[i]) << "value " << i;
         // A payload read ends with a NUL; without one the output is left alone.
-        const bool held = c.payload != "-" && (c.result == 0 || c.result == -5);
-        EXPECT_EQ(held ? c.payload + '\0' : "", held ? std::string(data, c.payload.size() + 1) : "");
+        const bool held = payload != "-" && (result == 0 || result == -5);
+        EXPECT_EQ(held ? payload + '\0' : "", held ? std::string(data, payload.size() + 1) : "");
         EXPECT_EQ(held, data != &sentinel);
-        EXPECT_EQ(checks + (c.result == -3), pm::AssertionCount());
-        if (c.result != -5) channel.SendPTP(); // releases the payload
+        EXPECT_EQ(checks + (result == -3), pm::AssertionCount());
+        if (result != -5) channel.SendPTP(); // releases the payload
     }
     EXPECT_THAT(root.ReadFile("/var/log/dlog.log"), testing::HasSubstr("CProductionPTP memory leak"));
     std::remove(root.Host(kPayload).c_str());

@@ -1,6 +1,5 @@
 #pragma once
-// Shared pieces of the controller's end-to-end tests: workers that log the commands they get,
-// a capture of the traces and of the answers written to the host link's keys, and the fixture.
+// The controller tests' kit: workers that log their commands, a capture of traces and answers, the fixture.
 
 #include "PMReport.h"
 #include "ProductionMode.h"
@@ -33,9 +32,7 @@ constexpr const char* kPayload = "/var/run/memory/private/pmode_shutter_data";
 // Written by the controller's and the store's threads, read by the test.
 inline std::mutex logMutex;
 inline std::condition_variable logChanged; ///< notified with every entry
-inline Lines loggedCalls;                  ///< "<worker>: <describe()>", in the order of Execute
-inline Lines loggedTraces;                 ///< every trace composed while captured
-inline Lines loggedAnswers;                ///< "<key suffix>=<value>" per set of an answer key, integers in hex
+inline Lines loggedCalls, loggedTraces, loggedAnswers; ///< "<worker>: <describe()>"; traces; "<key suffix>=<hex or text>"
 
 inline void record(Lines& list, std::string entry)
 {
@@ -53,8 +50,7 @@ inline Lines calls(bool take = false)
     return take ? std::exchange(loggedCalls, {}) : loggedCalls;
 }
 
-/// "name p0 p1 ...", then " | nArg0 nArg1 nArg2 nArg3" when an argument or data is set,
-/// then " | <first 7 data bytes>" when data is set.
+/// "name p0 p1 ...", then " | nArg0 .. nArg3" with an argument or data, then " | <7 data bytes>" with data.
 inline std::string describe(const _tPM_Command& command)
 {
     std::string text = command.szWorker;
@@ -93,8 +89,7 @@ inline void recordAnswer(keynode_t* node, void*)
     record(loggedAnswers, name.substr(name.rfind('_') + 1) + "=" + (text != nullptr ? text : ""));
 }
 
-/// The answer sets delivered so far, joined by " " ("Param3=0 Param2=1 Param1=10000002"). With
-/// `whole` it first waits (5 s at most) for the set that completes an answer: Param1, stream or file.
+/// The answer sets so far ("Param3=0 Param2=1 Param1=10000002"); `whole` waits 5 s at most for Param1, stream or file.
 inline std::string takeAnswers(bool whole = false)
 {
     if (!whole) vconf_sim_wait_idle(10000);

@@ -1,6 +1,5 @@
 #pragma once
-// Runs the built tools (pmode-sim, pmode-pc, pmode-kv, adjtool) by their names, and checks their exit status and
-// output.
+// Runs the built tools (pmode-sim, pmode-pc, pmode-kv, adjtool) by their names and checks their status and output.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -32,13 +31,8 @@ inline Result Run(const std::string& commandLine)
     return result;
 }
 
-/// What a run must show: its exit status, texts its output holds and texts it does not hold.
-struct Expected {
-    std::string commandLine; // also names the run in failures
-    int status;
-    std::vector<std::string> output;
-    std::vector<std::string> absent = {};
-};
+/// A run (its command line also names it in failures), its exit status, texts its output holds and does not hold.
+struct Expected { std::string commandLine; int status; std::vector<std::string> output, absent = {}; };
 
 inline void Check(const Expected& expected, const Result& result)
 {
