@@ -127,12 +127,6 @@ int open(const char* path, int flags, ...)
     return real<int (*)(const char*, int, ...)>("open")(path, flags, mode);
 }
 
-FILE* fopen(const char* path, const char* mode)
-{
-    if (faulted("fopen")) return failWith<FILE*>(nullptr);
-    return real<FILE* (*)(const char*, const char*)>("fopen")(path, mode);
-}
-
 ssize_t read(int fd, void* buffer, size_t size)
 {
     if (!isConsole(fd) && fd != STDIN_FILENO && faulted("read")) return failWith<ssize_t>(-1);
@@ -143,12 +137,6 @@ ssize_t write(int fd, const void* buffer, size_t size)
 {
     if (!isConsole(fd) && faulted("write")) return failWith<ssize_t>(-1);
     return real<ssize_t (*)(int, const void*, size_t)>("write")(fd, buffer, size);
-}
-
-size_t fread(void* buffer, size_t size, size_t count, FILE* stream)
-{
-    if (faulted("fread")) return failWith<size_t>(0);
-    return real<size_t (*)(void*, size_t, size_t, FILE*)>("fread")(buffer, size, count, stream);
 }
 
 size_t fwrite(const void* buffer, size_t size, size_t count, FILE* stream)
@@ -171,52 +159,23 @@ int fclose(FILE* stream)
     return fail ? failWith(EOF) : result;
 }
 
-int fseek(FILE* stream, long offset, int origin)
-{
-    if (faulted("fseek")) return failWith(-1);
-    return real<int (*)(FILE*, long, int)>("fseek")(stream, offset, origin);
-}
-
-int fsync(int fd)
-{
-    if (faulted("fsync")) return failWith(-1);
-    return real<int (*)(int)>("fsync")(fd);
-}
-
-int fdatasync(int fd)
-{
-    if (faulted("fdatasync")) return failWith(-1);
-    return real<int (*)(int)>("fdatasync")(fd);
-}
-
-int rename(const char* from, const char* to)
-{
-    if (faulted("rename")) return failWith(-1);
-    return real<int (*)(const char*, const char*)>("rename")(from, to);
-}
-
-int remove(const char* path)
-{
-    if (faulted("remove")) return failWith(-1);
-    return real<int (*)(const char*)>("remove")(path);
-}
-
-int unlink(const char* path)
-{
-    if (faulted("unlink")) return failWith(-1);
-    return real<int (*)(const char*)>("unlink")(path);
-}
-
-int mkdir(const char* path, mode_t mode)
-{
-    if (faulted("mkdir")) return failWith(-1);
-    return real<int (*)(const char*, mode_t)>("mkdir")(path, mode);
-}
-
-int ftruncate(int fd, off_t length)
-{
-    if (faulted("ftruncate")) return failWith(-1);
-    return real<int (*)(int, off_t)>("ftruncate")(fd, length);
-}
+// The functions that only fail or pass through: return type, name, failure value, parameters, arguments.
+#define PM_FAULTABLE(Ret, name, failed, params, args)       \
+    Ret name params                                         \
+    {                                                       \
+        if (faulted(#name)) return failWith<Ret>(failed);   \
+        return real<Ret(*) params>(#name) args;             \
+    }
+PM_FAULTABLE(FILE*, fopen, nullptr, (const char* path, const char* mode), (path, mode))
+PM_FAULTABLE(size_t, fread, 0, (void* buffer, size_t size, size_t count, FILE* stream), (buffer, size, count, stream))
+PM_FAULTABLE(int, fseek, -1, (FILE * stream, long offset, int origin), (stream, offset, origin))
+PM_FAULTABLE(int, fsync, -1, (int fd), (fd))
+PM_FAULTABLE(int, fdatasync, -1, (int fd), (fd))
+PM_FAULTABLE(int, rename, -1, (const char* from, const char* to), (from, to))
+PM_FAULTABLE(int, remove, -1, (const char* path), (path))
+PM_FAULTABLE(int, unlink, -1, (const char* path), (path))
+PM_FAULTABLE(int, mkdir, -1, (const char* path, mode_t mode), (path, mode))
+PM_FAULTABLE(int, ftruncate, -1, (int fd, off_t length), (fd, length))
+#undef PM_FAULTABLE
 
 } // extern "C"
