@@ -1,5 +1,3 @@
-// The production script (text model, parsing, labels, counted goto loops); the error log and
-// traces it reports through, and the operator display, which shows nothing.
 #include "CProductionScript.h"
 #include "ControllerTestKit.h"
 #include "TraceCapture.h"
@@ -43,7 +41,7 @@ protected:
     CProductionScript script;
 };
 
-TEST_F(ProductionScriptTest, MountRefusesBadFilesKeepsTheEarlierTextIndexesLabelsAndUnmountForgetsThem)
+TEST_F(ProductionScriptTest, MountRefusesBadFilesIndexesLabelsAndLinesOfAtMost509BytesWithoutCrAndUnmountForgets)
 {
     EXPECT_FALSE(script.Mount(nullptr));
     EXPECT_FALSE(script.Mount("/mnt/mmc/none.txt")) << "nothing loaded before";
@@ -66,10 +64,7 @@ TEST_F(ProductionScriptTest, MountRefusesBadFilesKeepsTheEarlierTextIndexesLabel
     EXPECT_TRUE(script.Unmount());
     EXPECT_EQ(-1, script.findLabel("X"));
     EXPECT_TRUE(RunAll().empty());
-}
 
-TEST_F(ProductionScriptTest, LinesEndAtNewlinesWithoutCrShowAtMost509BytesAndSkipComments)
-{
     const std::string longLine = "cmd " + std::string(600, 'x');
     ASSERT_TRUE(MountText("a b\r\n// c\n" + longLine + "\nc d\n"));
     EXPECT_EQ("a b", Line(0));
@@ -134,8 +129,7 @@ TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThe
         {"count 1", "label L\nbody run 1\ngoto L 1\nend x\n", {"body run 1", "body run 1", "end x"}, 0},
         {"counter back at 0 after a loop", "label A\na 1\ngoto A 1\nlabel B\nb 1\ngoto B 2\n",
          {"a 1", "a 1", "b 1", "b 1", "b 1"}, 0},
-        // The inner goto uses up the count the outer one sets: the outer loop never ends.
-        {"nested loops share one counter",
+        {"nested loops share one counter: the outer never ends",
          "label OUT\nouter 1\nlabel IN\ninner 1\ngoto IN 1\ngoto OUT 1\nend 1\n", nested, 0},
         {"label then goto fallen into", "a 1\nlabel L\ngoto L 3\nb 1\n", {"a 1", "b 1"}, 0},
         {"no count", "label L\na 1\ngoto L\nb 1\n", {"a 1"}, 1},
@@ -152,13 +146,12 @@ TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThe
     }
 }
 
-TEST(ReportTest, ErrorLogIsRedOnStdoutCutToTheBufferAndInTheSystemLogAndTracesReachOnlyASink)
+TEST(ReportTest, ErrorLogIsRedOnStdoutCutAndLoggedTracesReachOnlyASinkAndTheDisplayTakesAnyText)
 {
     TestRoot root;
     testing::internal::CaptureStdout();
     PM_ERROR_LOG("Wrong Line ID %d\n", 144);
     PM_ERROR_LOG("%s", std::string(400, 'x').c_str());
-    // puts adds its own newline; a text cut to the buffer keeps the colour reset and the newline.
     EXPECT_EQ("\x1b[31mWrong Line ID 144\x1b[m\n\n\x1b[31m" + std::string(255 - 9, 'x') + "\x1b[m\n\n",
               testing::internal::GetCapturedStdout());
     EXPECT_THAT(root.ReadFile("/var/log/dlog.log"), testing::HasSubstr(" E/PMODE(3): ProductionScriptTest.cpp: TestBody("));
@@ -170,10 +163,6 @@ TEST(ReportTest, ErrorLogIsRedOnStdoutCutToTheBufferAndInTheSystemLogAndTracesRe
     }
     PM_TRACE("not seen");
     EXPECT_EQ((std::vector<std::string>{"\x1b[mFinalize-Done\x1b[m\n", "\x1b[31mline 3\x1b[m\n"}), TraceCapture::lines);
-}
-
-TEST(ProductionOSDTest, TextTakesAnyInputAndTheTouchResultIsZero)
-{
     CProductionOSD* osd = CProductionOSD::GetInstance();
     osd->Text(0, "%s", std::string(2000, 'x').c_str());
     osd->Text(0, nullptr);
