@@ -24,7 +24,7 @@ struct CountingThread : FThread {
     std::atomic<int> runs{0};
 };
 
-TEST(EventFlagAndThreadTest, WaitOrHandsBackBitsTimesOutAndEndsOnDeleteAndAThreadBodyRunsOnce)
+TEST(OsLayerTest, FlagsThreadsAndMutexesWorkAndPathsLogsCommandsAndMountsLandBelowTheRootAndNothingElseRuns)
 {
     CEventFlag flag;
     EXPECT_EQ(-1, flag.Set(1)) << "not created yet";
@@ -47,10 +47,7 @@ TEST(EventFlagAndThreadTest, WaitOrHandsBackBitsTimesOutAndEndsOnDeleteAndAThrea
     fx_mutex_t mutex = _fx_mutex_create(__FILE__, __func__, __LINE__);
     EXPECT_EQ(0, _fx_mutex_delete(mutex, __FILE__, __func__, __LINE__));
     EXPECT_EQ(-1, _fx_mutex_lock(nullptr, __FILE__, __func__, __LINE__));
-}
 
-TEST(KernelTest, PathsLogLinesCommandsAndMountsLandBelowTheRootAndNothingElseRuns)
-{
     TestRoot root;
     char out[512];
     EXPECT_EQ(static_cast<int>(root.Dir().size() + 9), kernel_map_path("/mnt/mmc/", out, sizeof out));

@@ -42,7 +42,7 @@ protected:
     TestRoot root;
 };
 
-TEST_F(PrefStoreTest, GroupsStartFromDefaultsAndRefuseOutsideAccessAndBadFilesWhichDefaultsAreNotSavedOver)
+TEST_F(PrefStoreTest, DefaultsOutsideAccessAndBadFilesAreRefusedAndFailedKilledOrConcurrentSavesLoseNothing)
 {
     std::vector<unsigned char> defaults(kGroup3Size, 0);
     defaults[8] = 0x11;
@@ -104,26 +104,7 @@ TEST_F(PrefStoreTest, GroupsStartFromDefaultsAndRefuseOutsideAccessAndBadFilesWh
     EXPECT_EQ(-1, pref_save(3));
     ASSERT_EQ(0, pref_reset(3));
     EXPECT_EQ(0, pref_save(3)) << "an explicit reset may be saved over a refused copy";
-}
 
-TEST_F(PrefStoreTest, ConcurrentWritersAndSaversKeepEveryValue)
-{
-    std::vector<std::thread> threads;
-    for (unsigned long t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (long round = 1; round <= 20; ++round) {
-                EXPECT_EQ(4, pref_set_long(1, 4 * t, static_cast<long>(t) * 1000 + round));
-                EXPECT_EQ(0, pref_save(1));
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    pref_sim_forget_images();
-    for (unsigned long t = 0; t < 4; ++t) EXPECT_EQ(static_cast<long>(t) * 1000 + 20, pref_get_long(1, 4 * t));
-}
-
-TEST_F(PrefStoreTest, FailedOrKilledSavesLeaveOneWholeImageOnNand)
-{
     unsigned char* group3 = pref_get_addr(3, nullptr);
     std::memcpy(group3, numberedImage(1).data(), kGroup3Size);
     ASSERT_EQ(0, pref_save(3));
@@ -165,6 +146,19 @@ TEST_F(PrefStoreTest, FailedOrKilledSavesLeaveOneWholeImageOnNand)
     EXPECT_GT(killedWhileWriting, 0) << "no kill came in the middle of a save";
     ASSERT_EQ(0, pref_save(3));
     EXPECT_EQ(1, nandFiles()) << "the next save removes the killed savers' temporaries";
+
+    std::vector<std::thread> threads;
+    for (unsigned long t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            for (long round = 1; round <= 20; ++round) {
+                EXPECT_EQ(4, pref_set_long(1, 4 * t, static_cast<long>(t) * 1000 + round));
+                EXPECT_EQ(0, pref_save(1));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    pref_sim_forget_images();
+    for (unsigned long t = 0; t < 4; ++t) EXPECT_EQ(static_cast<long>(t) * 1000 + 20, pref_get_long(1, 4 * t));
 }
 
 } // namespace
