@@ -1,6 +1,5 @@
 #pragma once
-// Sets the controller's operation type without a loop, for the host-link paths: the member pointer
-// comes from an explicit instantiation, where access is not checked. One source file per program.
+// Sets the controller's operation type; explicit instantiation skips the access check. One file per program.
 
 #include "CProductionMode.h"
 

@@ -1,5 +1,3 @@
-// The simulated OS layer and kernel: event flags, threads, mutexes, the root
-// mapping, the system log, and the shell commands and mounts carried out below the root.
 #include "CEventFlag.h"
 #include "FThread.h"
 #include "TestRoot.h"
@@ -17,11 +15,16 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
-#include <string>
 
 namespace {
 
-TEST(EventFlagTest, WaitOrHandsBackTheBitsTimesOutAndIsReleasedByDelete)
+struct CountingThread : FThread {
+    ~CountingThread() override { Destroy(); }
+    void t_Main() override { ++runs; }
+    std::atomic<int> runs{0};
+};
+
+TEST(OsLayerTest, FlagsThreadsAndMutexesWorkAndPathsLogsCommandsAndMountsLandBelowTheRootAndNothingElseRuns)
 {
     CEventFlag flag;
     EXPECT_EQ(-1, flag.Set(1)) << "not created yet";
@@ -34,17 +37,7 @@ TEST(EventFlagTest, WaitOrHandsBackTheBitsTimesOutAndIsReleasedByDelete)
     EXPECT_EQ(0, flag.Delete());
     EXPECT_EQ(-2, flag.WaitOr(0x1, &pattern, -1)) << "a deleted flag releases its waiters";
     EXPECT_EQ(-1, flag.Delete());
-}
 
-/// Counts its runs.
-struct CountingThread : FThread {
-    ~CountingThread() override { Destroy(); }
-    void t_Main() override { ++runs; }
-    std::atomic<int> runs{0};
-};
-
-TEST(FThreadTest, ABodyRunsOnceAndAStartedThreadCannotStartAgain)
-{
     CountingThread thread;
     ASSERT_TRUE(thread.Start());
     EXPECT_FALSE(thread.Start()) << "a created thread cannot start twice";
@@ -54,10 +47,7 @@ TEST(FThreadTest, ABodyRunsOnceAndAStartedThreadCannotStartAgain)
     fx_mutex_t mutex = _fx_mutex_create(__FILE__, __func__, __LINE__);
     EXPECT_EQ(0, _fx_mutex_delete(mutex, __FILE__, __func__, __LINE__));
     EXPECT_EQ(-1, _fx_mutex_lock(nullptr, __FILE__, __func__, __LINE__));
-}
 
-TEST(KernelTest, PathsLogLinesCommandsAndMountsLandBelowTheRootAndNothingElseRuns)
-{
     TestRoot root;
     char out[512];
     EXPECT_EQ(static_cast<int>(root.Dir().size() + 9), kernel_map_path("/mnt/mmc/", out, sizeof out));

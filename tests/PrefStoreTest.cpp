@@ -1,5 +1,3 @@
-// The simulated preference store: defaults, survival across restart, refusal of
-// bad files and out-of-range access, failed saves and atomic saves under power loss.
 #include "FileFaults.h"
 #include "TestRoot.h"
 #include "pref.h"
@@ -11,13 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -30,8 +24,7 @@ std::vector<unsigned char> image(int group)
     return std::vector<unsigned char>(at, at + size);
 }
 
-// Image number k: every byte is k's low byte but the stamp k at offset 100, so two
-// consecutive images differ in every byte and a file mixed of two is seen at once.
+// Image k: every byte is k's low byte but the stamp k at offset 100, so a mix of two shows at once.
 std::vector<unsigned char> numberedImage(uint32_t k)
 {
     std::vector<unsigned char> bytes(kGroup3Size, static_cast<unsigned char>(k));
@@ -49,7 +42,7 @@ protected:
     TestRoot root;
 };
 
-TEST_F(PrefStoreTest, GroupsStartFromTheirDefaultsAndAccessOutsideThemIsRefused)
+TEST_F(PrefStoreTest, DefaultsOutsideAccessAndBadFilesAreRefusedAndFailedKilledOrConcurrentSavesLoseNothing)
 {
     std::vector<unsigned char> defaults(kGroup3Size, 0);
     defaults[8] = 0x11;
@@ -61,13 +54,11 @@ TEST_F(PrefStoreTest, GroupsStartFromTheirDefaultsAndAccessOutsideThemIsRefused)
     ASSERT_EQ(4, pref_set_long(1, 44, -18620)) << "the last word";
     const std::pair<const char*, int> refused[] = {
         {"set_long one byte past", pref_set_long(1, 45, 1)}, {"set_long far past", pref_set_long(1, ~0UL, 1)},
-        {"set_bytes one past", pref_set_bytes(1, 45, bytes, 4)},
-        {"set_bytes wrapping size", pref_set_bytes(1, 8, bytes, ~0UL)},
-        {"set_bytes without a source", pref_set_bytes(1, 0, nullptr, 4)},
+        {"set_bytes one past", pref_set_bytes(1, 45, bytes, 4)}, {"set_bytes wrapping", pref_set_bytes(1, 8, bytes, ~0UL)},
+        {"set_bytes without a source", pref_set_bytes(1, 0, nullptr, 4)}, {"unknown group save", pref_save(7)},
         {"set_bytes of nothing at the end (accepted: 0)", pref_set_bytes(1, 48, nullptr, 0) - 1},
-        {"unknown group set_long", pref_set_long(2, 0, 1)}, {"unknown group save", pref_save(7)},
-        {"unknown group reset", pref_reset(0)}, {"unknown group load", pref_load(-3)},
-        {"unknown group address", pref_get_addr(2, &size) == nullptr && size == 0 ? -1 : 0},
+        {"unknown group set_long", pref_set_long(2, 0, 1)}, {"unknown group reset", pref_reset(0)},
+        {"unknown group load", pref_load(-3)}, {"unknown group address", pref_get_addr(2, &size) == nullptr && size == 0 ? -1 : 0},
     };
     for (const auto& [name, result] : refused) EXPECT_EQ(-1, result) << name;
     std::vector<unsigned char> expected(40, 0);
@@ -76,10 +67,7 @@ TEST_F(PrefStoreTest, GroupsStartFromTheirDefaultsAndAccessOutsideThemIsRefused)
     EXPECT_EQ(-18620, pref_get_long(1, 44)) << "lengths are signed 32-bit";
     EXPECT_EQ(0, pref_get_byte(1, 48));
     EXPECT_EQ(0, pref_get_long(3, kGroup3Size - 3));
-}
 
-TEST_F(PrefStoreTest, BadFilesAreRefusedLeaveTheImageAndAreNotSavedOverByDefaults)
-{
     ASSERT_EQ(4, pref_set_long(3, 51213, 0x5A5A));
     ASSERT_EQ(0, pref_save_to_file(3, "/tmp/good.dump"));
     const std::string good = root.ReadFile("/tmp/good.dump");
@@ -116,26 +104,7 @@ TEST_F(PrefStoreTest, BadFilesAreRefusedLeaveTheImageAndAreNotSavedOverByDefault
     EXPECT_EQ(-1, pref_save(3));
     ASSERT_EQ(0, pref_reset(3));
     EXPECT_EQ(0, pref_save(3)) << "an explicit reset may be saved over a refused copy";
-}
 
-TEST_F(PrefStoreTest, ConcurrentWritersAndSaversKeepEveryValue)
-{
-    std::vector<std::thread> threads;
-    for (unsigned long t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (long round = 1; round <= 20; ++round) {
-                EXPECT_EQ(4, pref_set_long(1, 4 * t, static_cast<long>(t) * 1000 + round));
-                EXPECT_EQ(0, pref_save(1));
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    pref_sim_forget_images();
-    for (unsigned long t = 0; t < 4; ++t) EXPECT_EQ(static_cast<long>(t) * 1000 + 20, pref_get_long(1, 4 * t));
-}
-
-TEST_F(PrefStoreTest, FailedOrKilledSavesLeaveOneWholeImageOnNand)
-{
     unsigned char* group3 = pref_get_addr(3, nullptr);
     std::memcpy(group3, numberedImage(1).data(), kGroup3Size);
     ASSERT_EQ(0, pref_save(3));
@@ -177,6 +146,19 @@ TEST_F(PrefStoreTest, FailedOrKilledSavesLeaveOneWholeImageOnNand)
     EXPECT_GT(killedWhileWriting, 0) << "no kill came in the middle of a save";
     ASSERT_EQ(0, pref_save(3));
     EXPECT_EQ(1, nandFiles()) << "the next save removes the killed savers' temporaries";
+
+    std::vector<std::thread> threads;
+    for (unsigned long t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            for (long round = 1; round <= 20; ++round) {
+                EXPECT_EQ(4, pref_set_long(1, 4 * t, static_cast<long>(t) * 1000 + round));
+                EXPECT_EQ(0, pref_save(1));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    pref_sim_forget_images();
+    for (unsigned long t = 0; t < 4; ++t) EXPECT_EQ(static_cast<long>(t) * 1000 + 20, pref_get_long(1, 4 * t));
 }
 
 } // namespace

@@ -1,17 +1,10 @@
-// The controller as the host application sees it (the start-up checks that choose the mode
-// from cards laid out by the tests, the lifecycle) and the plug-in side: the worker registry
-// (routing, registration, threads, deletion at exit) and the worker base class.
+#include "ControllerTestKit.h"
 #include "OperationTypeHook.h"
-#include "ProductionMode.h"
-#include "TestRoot.h"
 #include "TraceCapture.h"
 #include "kernel_sim.h"
 
-#include <gmock/gmock.h>
-
 #include <cstring>
 #include <filesystem>
-#include <future>
 #include <map>
 #include <thread>
 #include <unistd.h>
@@ -41,7 +34,6 @@ int snapshotPreparedByChecks(const std::string& card, int autoEnable)
 
 class StartupChecksTest : public ::testing::Test {
 protected:
-    /// A card holding exactly these files, and line value 139.
     void LayOut(const Files& files, int autoEnable = 0)
     {
         std::filesystem::remove_all(root.Host("/mnt/mmc"));
@@ -59,10 +51,9 @@ protected:
 
 TEST_F(StartupChecksTest, EveryKindOfCardGivesItsModeStatusAndAdjustModeAndReadErrorsOnlyForUnreadableBlocks)
 {
-    // readError: the file whose read error is traced ("" when none is); snapshot: the adjust mode chosen.
     const std::string wifi = "adj_wifi certification 1\n" /* 25 bytes */, xy = "x y\n", a58(58, 'a');
-    const struct { const char* name; Files files; int autoEnable, mode; std::string readError; bool snapshot; } cases[] = {
-        {"named script missing, host link on", {{"info.tg", "abc.adj"}, {"info.tgw", ""}}, 0, 2, "info.tgw", true},
+    const struct { const char* name; Files files; int autoEnable, mode; std::string tracedReadError; bool snapshotMode; } cases[] = {
+        {"named script missing, empty info.tgw", {{"info.tg", "abc.adj"}, {"info.tgw", ""}}, 0, 2, "info.tgw", true},
         {"name without .adj", {{"info.tg", "abc.txt"}, {"abc.txt", xy}, {"default.adj", xy}}, 0, 0, "", false},
         {"name with .dev", {{"info.tg", "abc.dev.adj"}, {"abc.dev.adj", xy}}, 0, 1, "", false},
         {".dev, keen_camera device", {{"info.tg", "d.dev.adj"}, {"d.dev.adj", xy}, {"tk_dev.adj", "keen_camera"}}, 0, 1, "", true},
@@ -70,31 +61,25 @@ TEST_F(StartupChecksTest, EveryKindOfCardGivesItsModeStatusAndAdjustModeAndReadE
         {"65 bytes unread", {{"info.tg", a58 + ".adj\n\n\n"}, {a58 + ".adj", xy}, {"tk_dev.adj", a58 + a58}}, 0, 0, "", false},
         {"empty info.tg", {{"info.tg", ""}}, 0, 0, "info.tg", false},
         {"empty tk_dev.adj", {{"info.tg", "abc.adj"}, {"abc.adj", xy}, {"tk_dev.adj", ""}}, 0, 1, "tk_dev.adj", true},
-        {"line value 139 is 1", {}, 1, 2, "", true},
-        {"line value 139 is 2", {}, 2, 0, "", false},
-        {"empty info.tgw", {{"info.tgw", ""}}, 0, 2, "info.tgw", true},
-        {"info.tgw naming a .dev", {{"info.tgw", "line.dev"}}, 0, 2, "", false},
-        {"info.tgw naming no .dev", {{"info.tgw", "line"}}, 0, 2, "", true},
+        {"line value 139 is 1", {}, 1, 2, "", true}, {"line value 139 is 2", {}, 2, 0, "", false},
+        {"info.tgw naming a .dev", {{"info.tgw", "line.dev"}}, 0, 2, "", false}, {"info.tgw naming no .dev", {{"info.tgw", "line"}}, 0, 2, "", true},
         {"empty Wi-Fi script", {{"info.tg", "w.adj"}, {"w.adj", ""}}, 0, 1, "/mnt/mmc/w.adj", true},
         {"Wi-Fi script of 64 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(39, ' ')}}, 0, 3, "", true},
         {"Wi-Fi text in 65 bytes", {{"info.tg", "w.adj"}, {"w.adj", wifi + std::string(40, ' ')}}, 0, 1, "", true},
-        // The certification check reads the name untrimmed: with a newline it finds no file.
-        {"Wi-Fi script named with a newline", {{"info.tg", "w.adj\n"}, {"w.adj", wifi}}, 0, 1, "", true},
+        {"Wi-Fi script named with a newline (read untrimmed)", {{"info.tg", "w.adj\n"}, {"w.adj", wifi}}, 0, 1, "", true},
         {"Wi-Fi check reads info.tg only", {{"info.tg", "w.adj"}, {"w.adj", xy}, {"default.adj", wifi}}, 0, 1, "", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         LayOut(c.files, c.autoEnable);
-        // In a child: the snapshot boot is prepared at most once per process.
         EXPECT_EXIT(std::_Exit(snapshotPreparedByChecks(root.Host("/mnt/mmc"), c.autoEnable)),
-                    testing::ExitedWithCode(c.snapshot), "");
+                    testing::ExitedWithCode(c.snapshotMode), "");
         const bool status = !c.files.empty() || c.autoEnable == 1; // every card here holds info.tg or info.tgw
         EXPECT_EQ(status, mode->isProductionStatus()) << "changes nothing for the checks after it";
-        EXPECT_THAT(traces.lines, Contains(HasSubstr(std::string("isProductionStatus() blRetVal = ") + (status ? "1" : "0"))));
         EXPECT_EQ(c.mode, mode->CanPModeWorking());
-        const std::string readError = "\x1b[m" + c.readError + " File Read error!!!\x1b[m\n";
-        EXPECT_THAT(traces.lines, Contains(HasSubstr("File Read error")).Times(c.readError.empty() ? 0 : 1));
-        EXPECT_THAT(traces.lines, Contains(readError).Times(c.readError.empty() ? 0 : 1));
+        const std::string readError = "\x1b[m" + c.tracedReadError + " File Read error!!!\x1b[m\n";
+        EXPECT_THAT(traces.lines, Contains(HasSubstr("File Read error")).Times(c.tracedReadError.empty() ? 0 : 1));
+        EXPECT_THAT(traces.lines, Contains(readError).Times(c.tracedReadError.empty() ? 0 : 1));
     }
     LayOut({{"info.tg", "abc.adj"}, {"abc.adj", xy}});
     EXPECT_EQ(1, mode->CanPModeWorking());
@@ -119,25 +104,7 @@ public:
     }
 };
 
-TEST(WorkerFactoryTest, CommandsAndPendingSubCommandsReachTheWorkerOfTheirGroup)
-{
-    CWorkerFactory* factory = CWorkerFactory::GetInstance();
-    for (const char* name : {"UI", "CAP", "LENS", "WIFI", "DD", "ETC", "PENDING"}) factory->AddWorker(new NamedWorker(name));
-    // The sub-command counts only for a "PENDING" command; an unknown one keeps the group "PENDING".
-    const struct { const char* command; const char* sub; const char* worker; } cases[] = {
-        {"gold_model", "strobe", "UI"}, {"lens", "strobe", "LENS"}, {"efs", "rtc", "CAP"}, {"port", nullptr, "PENDING"},
-        {"port", "main_function", "ETC"}, {"capture", "gyroscope", "DD"}, {"port", "wifi", "WIFI"},
-        {"capture", "still", "UI"}, {"capture", "Strobe", "PENDING"}, {"KEY", "strobe", nullptr},
-        {"shutter ", nullptr, nullptr}, {"", "strobe", nullptr}, {nullptr, "strobe", nullptr},
-    };
-    for (const auto& c : cases) {
-        IPModeWorker* worker = factory->GetWorker(c.command, c.sub);
-        EXPECT_STREQ(c.worker, worker == nullptr ? nullptr : worker->GetName())
-            << (c.command ? c.command : "-") << " " << (c.sub ? c.sub : "-");
-    }
-}
-
-TEST(WorkerFactoryTest, RegistrationRefusesNamelessAndDuplicateWorkersAndKeepsTheOrder)
+TEST(WorkerFactoryTest, RegistrationRefusesNamelessAndDuplicatesKeepsTheOrderAndCommandsReachTheirGroup)
 {
     CWorkerFactory* factory = CWorkerFactory::GetInstance();
     NamedWorker nameless(nullptr), ui("UI"), cap("CAP"), cap2("CAP"), dd("DD");
@@ -155,6 +122,18 @@ TEST(WorkerFactoryTest, RegistrationRefusesNamelessAndDuplicateWorkersAndKeepsTh
     factory->InitializeAllWorker();
     EXPECT_EQ((Calls{"init:UI", "init:DD", "init:CAP"}), g_calls) << "a removed worker comes back at the end";
     for (IPModeWorker* worker : {&ui, &cap, &dd}) factory->SubtractWorker(worker);
+    for (const char* name : {"UI", "CAP", "LENS", "WIFI", "DD", "ETC", "PENDING"}) factory->AddWorker(new NamedWorker(name));
+    const struct { const char* command; const char* sub; const char* worker; } cases[] = {
+        {"gold_model", "strobe", "UI"}, {"lens", "strobe", "LENS"}, {"efs", "rtc", "CAP"}, {"port", nullptr, "PENDING"},
+        {"port", "main_function", "ETC"}, {"capture", "gyroscope", "DD"}, {"port", "wifi", "WIFI"},
+        {"capture", "still", "UI"}, {"capture", "Strobe", "PENDING"}, {"KEY", "strobe", nullptr},
+        {"shutter ", nullptr, nullptr}, {"", "strobe", nullptr}, {nullptr, "strobe", nullptr},
+    };
+    for (const auto& c : cases) {
+        IPModeWorker* worker = factory->GetWorker(c.command, c.sub);
+        EXPECT_STREQ(c.worker, worker == nullptr ? nullptr : worker->GetName())
+            << (c.command ? c.command : "-") << " " << (c.sub ? c.sub : "-");
+    }
 }
 
 TEST(WorkerFactoryTest, ConcurrentRegistrationLosesNoWorkerWhileLookupsRun)
@@ -175,7 +154,6 @@ TEST(WorkerFactoryTest, ConcurrentRegistrationLosesNoWorkerWhileLookupsRun)
     EXPECT_EQ(names.size(), g_calls.size()) << "every registration must survive";
 }
 
-/// A worker that unregisters itself when deleted, as plug-ins commonly do.
 class SelfRemovingWorker : public NamedWorker {
 public:
     using NamedWorker::NamedWorker;
@@ -199,9 +177,10 @@ TEST(WorkerFactoryTest, RegisteredWorkersAreDeletedAtExitAndRemovedOnesAreNot)
         testing::ExitedWithCode(7), "");
 }
 
-TEST(PModeWorkerTest, WaitBlocksUntilARequestedBitAndClearsOnlyTheRequestedBits)
+TEST(PModeWorkerTest, WaitClearsOnlyRequestedBitsAndAnAdjustResultIsKeptButNotAnsweredUnlessAsked)
 {
     NamedWorker worker("UI");
+    EXPECT_EQ(PM_RESULT_NONE, worker.GetAdjResult());
     EXPECT_FALSE(worker.Wait(0x1)) << "a fresh worker is stopped until Initialize";
     worker.Initialize();
     auto waiting = std::async(std::launch::async, [&] { return worker.Wait(0x3); });
@@ -219,34 +198,22 @@ TEST(PModeWorkerTest, WaitBlocksUntilARequestedBitAndClearsOnlyTheRequestedBits)
     EXPECT_FALSE(worker.Wait(0x1)) << "after Finalize, Wait fails without blocking";
     worker.Initialize();
     EXPECT_TRUE(worker.Wait(0x1)) << "the failed Wait cleared nothing";
-}
-
-TEST(PModeWorkerTest, AdjustResultIsKeptButNotAnsweredOverTheHostLinkUnlessAsked)
-{
-    NamedWorker worker("UI");
-    EXPECT_EQ(PM_RESULT_NONE, worker.GetAdjResult());
     pm_test::SetOperationType(OP_TYPE_PTP);
     worker.SetAdjResult(PM_RESULT_FAIL, false);
     EXPECT_EQ(PM_RESULT_FAIL, worker.GetAdjResult());
     EXPECT_EQ(static_cast<uint32_t>(PTP_TRANSFER_NONE), CPTPAdjInterface::GetInstance()->GetTransferDataType());
 }
 
-TEST(ProductionModeTest, InitializeWaitsForAWorkerAndFinalizeReleasesWaitingWorkersInEveryState)
+TEST(ProductionModeTest, InitializeWaitsForAWorkerAndFinalizeEndsAnInitialisedModeNeverStarted)
 {
-    TestRoot root; // an empty card: the started thread finds nothing to run
+    TestRoot root;
     CProductionMode* mode = CProductionMode::GetInstance();
     auto initialized = std::async(std::launch::async, [&] { mode->Initialize(); });
     EXPECT_EQ(std::future_status::timeout, initialized.wait_for(300ms)) << "no worker yet";
-    auto* worker = new NamedWorker("UI");
-    CWorkerFactory::GetInstance()->AddWorker(worker);
+    CWorkerFactory::GetInstance()->AddWorker(new NamedWorker("UI"));
     ASSERT_EQ(std::future_status::ready, initialized.wait_for(3s));
-    mode->Finalize(); // initialised, never started
-    mode->Initialize();
-    ASSERT_TRUE(mode->Start());
-    auto waiting = std::async(std::launch::async, [&] { return worker->Wait(0x1); });
-    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(100ms)) << "Initialize readied the worker";
     mode->Finalize();
-    EXPECT_FALSE(waiting.get()) << "Finalize releases a worker thread waiting for its signal";
+    EXPECT_FALSE(mode->IsActive());
 }
 
 TEST(ProductionModeTest, ProcessExitWithoutFinalizeEndsAWaitingHostLinkLoop)

@@ -1,5 +1,3 @@
-// The production script (text model, parsing, labels, counted goto loops); the error log and
-// traces it reports through, and the operator display, which shows nothing.
 #include "CProductionScript.h"
 #include "ControllerTestKit.h"
 #include "TraceCapture.h"
@@ -43,7 +41,7 @@ protected:
     CProductionScript script;
 };
 
-TEST_F(ProductionScriptTest, MountRefusesBadFilesKeepsTheEarlierTextIndexesLabelsAndUnmountForgetsThem)
+TEST_F(ProductionScriptTest, MountRefusesBadFilesIndexesLabelsAndLinesOfAtMost509BytesWithoutCrAndUnmountForgets)
 {
     EXPECT_FALSE(script.Mount(nullptr));
     EXPECT_FALSE(script.Mount("/mnt/mmc/none.txt")) << "nothing loaded before";
@@ -66,10 +64,7 @@ TEST_F(ProductionScriptTest, MountRefusesBadFilesKeepsTheEarlierTextIndexesLabel
     EXPECT_TRUE(script.Unmount());
     EXPECT_EQ(-1, script.findLabel("X"));
     EXPECT_TRUE(RunAll().empty());
-}
 
-TEST_F(ProductionScriptTest, LinesEndAtNewlinesWithoutCrShowAtMost509BytesAndSkipComments)
-{
     const std::string longLine = "cmd " + std::string(600, 'x');
     ASSERT_TRUE(MountText("a b\r\n// c\n" + longLine + "\nc d\n"));
     EXPECT_EQ("a b", Line(0));
@@ -86,7 +81,7 @@ TEST_F(ProductionScriptTest, LinesEndAtNewlinesWithoutCrShowAtMost509BytesAndSki
     EXPECT_TRUE(script.isEOF());
 }
 
-TEST_F(ProductionScriptTest, WordsAreSplitJoinedAndParsedIntoCommandsOfTenParametersAtMostByTheWordRules)
+TEST_F(ProductionScriptTest, WordsSplitByTheWordRulesMakeCommandsOfTenParametersAndRunsFollowCountedGotos)
 {
     const std::string word49(49, 'w'), word50(50, 'w');
     const struct { const char* name; std::string line; int index; bool found; std::string word; } cases[] = {
@@ -122,27 +117,21 @@ TEST_F(ProductionScriptTest, WordsAreSplitJoinedAndParsedIntoCommandsOfTenParame
     _tPM_Command copy;
     copy = command;
     EXPECT_EQ("w p1 p2 p3 p4 p5 p6 p7 p8 p9 p10 | 0 0 0 0 | payload", describe(copy));
-}
 
-TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThem)
-{
     Lines nested{"outer 1", "inner 1"};
     for (int i = 2; i < 30; ++i) nested.push_back(i % 2 == 1 ? "outer 1" : "inner 1");
-    const struct { const char* name; std::string text; Lines run; unsigned long failedChecks; } cases[] = {
+    const struct { const char* name; std::string text; Lines run; unsigned long failedChecks; } runs[] = {
         {"comments, blank and spaceless lines",
          "// note here\n\nstep_end\na\tb\n/a//b c\n" + std::string(50, 'x') + " p\n#note 1\nx 1\n", {"#note 1", "x 1"}, 0},
         {"count 1", "label L\nbody run 1\ngoto L 1\nend x\n", {"body run 1", "body run 1", "end x"}, 0},
-        {"counter back at 0 after a loop", "label A\na 1\ngoto A 1\nlabel B\nb 1\ngoto B 2\n",
-         {"a 1", "a 1", "b 1", "b 1", "b 1"}, 0},
-        // The inner goto uses up the count the outer one sets: the outer loop never ends.
-        {"nested loops share one counter",
+        {"counter back at 0 after a loop", "label A\na 1\ngoto A 1\nlabel B\nb 1\ngoto B 2\n", {"a 1", "a 1", "b 1", "b 1", "b 1"}, 0},
+        {"nested loops share one counter: the outer never ends",
          "label OUT\nouter 1\nlabel IN\ninner 1\ngoto IN 1\ngoto OUT 1\nend 1\n", nested, 0},
-        {"label then goto fallen into", "a 1\nlabel L\ngoto L 3\nb 1\n", {"a 1", "b 1"}, 0},
-        {"no count", "label L\na 1\ngoto L\nb 1\n", {"a 1"}, 1},
+        {"label then goto fallen into", "a 1\nlabel L\ngoto L 3\nb 1\n", {"a 1", "b 1"}, 0}, {"no count", "label L\na 1\ngoto L\nb 1\n", {"a 1"}, 1},
         {"endless loop without a command", "a 1\ngoto L 0\nlabel L\ngoto L 0\nb 1\n", {"a 1"}, 1},
         {"endless counted loops without a command", "a 1\ngoto L 1\nlabel L\ngoto L 1\ngoto L 1\nb 1\n", {"a 1"}, 1},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : runs) {
         SCOPED_TRACE(c.name);
         ASSERT_TRUE(MountText(c.text));
         const unsigned long before = pm::AssertionCount();
@@ -152,13 +141,12 @@ TEST_F(ProductionScriptTest, RunsFollowLabelsAndCountedGotosAndBrokenGotosEndThe
     }
 }
 
-TEST(ReportTest, ErrorLogIsRedOnStdoutCutToTheBufferAndInTheSystemLogAndTracesReachOnlyASink)
+TEST(ReportTest, ErrorLogIsRedOnStdoutCutAndLoggedTracesReachOnlyASinkAndTheDisplayTakesAnyText)
 {
     TestRoot root;
     testing::internal::CaptureStdout();
     PM_ERROR_LOG("Wrong Line ID %d\n", 144);
     PM_ERROR_LOG("%s", std::string(400, 'x').c_str());
-    // puts adds its own newline; a text cut to the buffer keeps the colour reset and the newline.
     EXPECT_EQ("\x1b[31mWrong Line ID 144\x1b[m\n\n\x1b[31m" + std::string(255 - 9, 'x') + "\x1b[m\n\n",
               testing::internal::GetCapturedStdout());
     EXPECT_THAT(root.ReadFile("/var/log/dlog.log"), testing::HasSubstr(" E/PMODE(3): ProductionScriptTest.cpp: TestBody("));
@@ -170,10 +158,6 @@ TEST(ReportTest, ErrorLogIsRedOnStdoutCutToTheBufferAndInTheSystemLogAndTracesRe
     }
     PM_TRACE("not seen");
     EXPECT_EQ((std::vector<std::string>{"\x1b[mFinalize-Done\x1b[m\n", "\x1b[31mline 3\x1b[m\n"}), TraceCapture::lines);
-}
-
-TEST(ProductionOSDTest, TextTakesAnyInputAndTheTouchResultIsZero)
-{
     CProductionOSD* osd = CProductionOSD::GetInstance();
     osd->Text(0, "%s", std::string(2000, 'x').c_str());
     osd->Text(0, nullptr);
