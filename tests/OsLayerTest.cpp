@@ -37,6 +37,7 @@ TEST(OsLayerTest, FlagsThreadsAndMutexesWorkAndPathsLogsCommandsAndMountsLandBel
     EXPECT_EQ(0, flag.Delete());
     EXPECT_EQ(-2, flag.WaitOr(0x1, &pattern, -1)) << "a deleted flag releases its waiters";
     EXPECT_EQ(-1, flag.Delete());
+    EXPECT_EQ(-1, flag.Clear(1)) << "nor cleared once deleted";
 
     CountingThread thread;
     ASSERT_TRUE(thread.Start());

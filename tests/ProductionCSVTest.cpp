@@ -64,11 +64,12 @@ TEST_F(ProductionCSVTest, IndexGoesOnFromTheLastLineUnwrappedAndTextsOfUnusableL
     EXPECT_EQ(checks + 2, pm::AssertionCount()) << "both are failed checks";
     // Only the character after '%' counts: "%.3s" adds no string, and the last string is the last that walk meets.
     EXPECT_EQ(0, table.Write("%.3s", std::string(5000, 'p').c_str()));
+    EXPECT_EQ(0, table.Write(std::string(4095, 'y').c_str())) << "a line of 4095 characters is whole";
     EXPECT_EQ(19, table.Write("%s%.3s", std::string(4090, 'q').c_str(), "abcdef"));
     EXPECT_EQ("Index,CIS S/N,X\r\n0,777," + std::string(4093, 'x') + "\r\n1,777,   42|3|9|1.50|end\r\n" +
-                  "2,777,2.250000,(null)\r\n3,777,ppp\r\n",
+                  "2,777,2.250000,(null)\r\n3,777,ppp\r\n4,777," + std::string(4095, 'y') + "\r\n",
               root.ReadFile("/tmp/len.csv")) << "refused lines use no index";
-    EXPECT_EQ(4, table.getLineIndex());
+    EXPECT_EQ(5, table.getLineIndex());
 }
 
 TEST_F(ProductionCSVTest, CardThatCannotTakeALineGivesFileErrorLeavesNoHalfLineAndLostOrCollectedLinesUseAnIndex)
