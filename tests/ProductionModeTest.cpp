@@ -122,11 +122,13 @@ TEST(WorkerFactoryTest, RegistrationRefusesNamelessAndDuplicatesKeepsTheOrderAnd
     factory->InitializeAllWorker();
     EXPECT_EQ((Calls{"init:UI", "init:DD", "init:CAP"}), g_calls) << "a removed worker comes back at the end";
     for (IPModeWorker* worker : {&ui, &cap, &dd}) factory->SubtractWorker(worker);
-    for (const char* name : {"UI", "CAP", "LENS", "WIFI", "DD", "ETC", "PENDING"}) factory->AddWorker(new NamedWorker(name));
+    for (const char* name : {"UI", "CAP", "LENS", "WIFI", "DD", "ETC", "MENU", "PENDING"}) factory->AddWorker(new NamedWorker(name));
     const struct { const char* command; const char* sub; const char* worker; } cases[] = {
         {"gold_model", "strobe", "UI"}, {"lens", "strobe", "LENS"}, {"efs", "rtc", "CAP"}, {"port", nullptr, "PENDING"},
         {"port", "main_function", "ETC"}, {"capture", "gyroscope", "DD"}, {"port", "wifi", "WIFI"},
         {"capture", "still", "UI"}, {"capture", "Strobe", "PENDING"}, {"KEY", "strobe", nullptr},
+        {"exposure", nullptr, "UI"}, {"sys_param", nullptr, "DD"}, {"model_name", nullptr, "WIFI"}, {"menu_etc", nullptr, "MENU"},
+        {"capture", "continuous", "UI"}, {"port", "card_lock", "ETC"}, {"capture", "snapshot", "ETC"}, {"port", "acceleration", "DD"},
         {"shutter ", nullptr, nullptr}, {"", "strobe", nullptr}, {nullptr, "strobe", nullptr},
     };
     for (const auto& c : cases) {
