@@ -171,7 +171,8 @@ TEST_F(AdjustDataManagerTest, WrongLineIdsAndFailingLineStoreStepsAreReportedAnd
 TEST_F(AdjustDataManagerTest, AreasThatCannotBeMountedAreRebuiltAndACorruptMarkerIsNot)
 {
     const struct { const char* name; long headerLength, bodyLength; } cases[] = { // header -1: the marker byte is cleared
-        {"header past its capacity", 51340, 100}, {"body past its capacity", 280, 5242881}, {"marker byte cleared", -1, -1}};
+        {"header past its capacity", 51340, 100}, {"body past its capacity", 280, 5242881}, {"marker byte cleared", -1, -1},
+        {"only the header empty", 0, 100}, {"only the body empty", 280, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         manager->Finalize();

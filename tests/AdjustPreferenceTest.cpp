@@ -59,7 +59,7 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
     EXPECT_FALSE(root.Exists(kTemporary));
     SetBody(original);
     char buffer[301] = {};
-    for (auto [offset, size, fits] : {std::tuple{200UL, 100UL, true}, {200UL, 101UL, false}, {~0UL, 2UL, false}}) {
+    for (auto [offset, size, fits] : {std::tuple{200UL, 100UL, true}, {300UL, 0UL, true}, {200UL, 101UL, false}, {~0UL, 2UL, false}}) {
         std::memset(buffer, 0x5A, sizeof buffer);
         EXPECT_EQ(fits, body.Read(offset, buffer, size)) << offset << "+" << size;
         EXPECT_EQ(fits, body.Write(offset, buffer, size)) << offset << "+" << size;

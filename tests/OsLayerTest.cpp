@@ -59,11 +59,17 @@ TEST(OsLayerTest, FlagsThreadsAndMutexesWorkAndPathsLogsCommandsAndMountsLandBel
     const std::string log = root.ReadFile("/var/log/dlog.log");
     EXPECT_NE(std::string::npos, log.find(" D/PMODE(3): f(7) > first\n"));
     EXPECT_EQ(1, std::count(log.begin(), log.end(), '\n')) << "one line per call";
+    std::filesystem::remove(root.Host("/var/log/dlog.log"));
+    std::filesystem::create_directory(root.Host("/var/log/dlog.log"));
+    testing::internal::CaptureStderr();
+    __dlog_print(3, DLOG_ERROR, "PMODE", "kept\n");
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find(" E/PMODE(3): kept\n")) << "no log file to open";
+    std::filesystem::remove(root.Host("/var/log/dlog.log"));
 
     kernel_sim_reset();
     const std::pair<const char*, int> commands[] = {
         {"ubiattach -p /dev/mtd2 -d 2", 0}, {"ubiattach -p /dev/mtd2 -d 2", 1}, // attached already
-        {"mkdir -p --mode=0750 /mnt/ubi1/log/", 0}, {"mkdir -p /mnt/ubi1/log/ --mode=0750", 0}, // existing: fine
+        {"mkdir -p --mode=0750 /mnt/ubi1/log/", 0}, {"mkdir -p /mnt/ubi1/log/ --mode=0750;mkdir -p /mnt/ubi1/b --mode=0750", 0},
         {"rm -rf /", 127}, {"echo 1 > /pref/dirty_adj2; rm -rf /mnt", 127}, {"reboot", 127},
         {"mkdir -p relative/dir --mode=0755", 127}, {"mkdir -p /mnt/x --mode=0999", 127},
         {"ubiattach -p /dev/sda1 -d 2", 127}, {"echo 1 > relative", 127}, {"", 127}, {" ; ; ", 127}};

@@ -53,6 +53,7 @@ TEST(PTPAdjInterfaceTest, HoldsOneAnswerUntilDispatchOnlyOverTheHostLinkAndMisus
         {OP_TYPE_PTP, [&] { transfer->SetFile(longest.c_str()); }, "3 " + full + "- " + longest, ""},
         {OP_TYPE_PTP, [&] { transfer->SetData(text, 3); }, "", data},
         {OP_TYPE_PTP, [&] { transfer->Dispatch(); }, "0 " + full + "- " + longest, ""}, // the name stays
+        {OP_TYPE_PTP, [&] { transfer->SetFile("/mnt/mmc/x"); }, "3 " + full + "- /mnt/mmc/x", ""},
     };
     for (size_t step = 0; step < std::size(steps); ++step) {
         SCOPED_TRACE("step " + std::to_string(step + 1));

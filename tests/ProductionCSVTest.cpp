@@ -70,6 +70,7 @@ TEST_F(ProductionCSVTest, IndexGoesOnFromTheLastLineUnwrappedAndTextsOfUnusableL
                   "2,777,2.250000,(null)\r\n3,777,ppp\r\n4,777," + std::string(4095, 'y') + "\r\n",
               root.ReadFile("/tmp/len.csv")) << "refused lines use no index";
     EXPECT_EQ(5, table.getLineIndex());
+    EXPECT_EQ(0, table.Write("%-.0f%s", 1.0, std::string(4094, 'f').c_str())) << "flags are no string";
 }
 
 TEST_F(ProductionCSVTest, CardThatCannotTakeALineGivesFileErrorLeavesNoHalfLineAndLostOrCollectedLinesUseAnIndex)

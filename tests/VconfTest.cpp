@@ -62,6 +62,8 @@ TEST_F(VconfTest, ValuesKeepTypeDamagedFilesReadAsMissingAndNoReaderSeesHalfOfAV
                         {"pmode-kv get memory/private/pmode_Param1", 0, {"196609\n"}}, {"pmode-kv set-int k 12x", 2, {}}});
     EXPECT_EQ(0, vconf_get_int("memory/private/pmode_Param1", &number));
     EXPECT_EQ(0x30001, number);
+    vconf_sim_fail_next_get(1);
+    EXPECT_EQ("<null>", GetStr("memory/private/pmode")) << "an injected read fault";
 
     const std::string a(200000, 'a'), b(150000, 'b');
     ASSERT_EQ(0, vconf_set_str("big", a.c_str()));
