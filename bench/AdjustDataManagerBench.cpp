@@ -1,108 +1,116 @@
-// Start-up of the adjust data manager on a store that matches the catalogue, and
-// GetData/SetData of a small item. Every SetData appends to the adjust write log, which
-// flushes each entry to the medium, so its cost is mostly that flush.
+// The adjust data manager on a store that matches the catalogue, each operation beside
+// its floor: a start from NAND beside one read() of the group file, a synced write
+// beside one atomic save of the group, a read beside a mutex round trip and the copy.
 #include "AdjustDataList.h"
+#include "BenchSupport.h"
 #include "CAdjustDataManager.h"
 #include "pref.h"
 #include "pref_sim.h"
 
-#include <benchmark/benchmark.h>
-
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
+#include <cstring>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace {
 
-// One simulated device for the whole program, with a store built from the catalogue.
-class BenchRoot {
-public:
-    BenchRoot()
-    {
-        char pattern[] = "/tmp/pmode-bench-XXXXXX";
-        if (mkdtemp(pattern) != nullptr) m_dir = pattern;
-        setenv("PMODE_ROOT", m_dir.c_str(), 1);
-        CAdjustDataManager::GetInstance()->Initialize();
-    }
-    ~BenchRoot()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_dir, ignored);
-    }
+using pmbench::Root;
 
-private:
-    std::string m_dir;
-};
+constexpr size_t kGroupFileBytes = 20 + 5294098; // head and image
 
-void EnsureRoot()
+CAdjustDataManager* startedManager()
 {
-    static BenchRoot root;
+    static CAdjustDataManager* manager = [] {
+        Root();
+        CAdjustDataManager* started = CAdjustDataManager::GetInstance();
+        started->Initialize();
+        return started;
+    }();
+    return manager;
 }
 
-// Restart from NAND: the group image is read again, then headers are read and matched.
-void BM_InitializeMatchingStoreFromNand(benchmark::State& state)
+std::string groupFile()
 {
-    EnsureRoot();
-    CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
-    for (auto _ : state) {
-        manager->Finalize();
-        pref_sim_forget_images();
-        manager->Initialize();
-    }
+    char path[256];
+    if (pref_sim_nand_path(3, path, sizeof path) < 0) std::abort();
+    return Root().Host(path);
 }
-BENCHMARK(BM_InitializeMatchingStoreFromNand)->Unit(benchmark::kMillisecond);
+
+void BM_InitializeFromNand(benchmark::State& state)
+{
+    CAdjustDataManager* manager = startedManager();
+    std::vector<unsigned char> buffer(kGroupFileBytes + 1);
+    const std::string file = groupFile();
+    pmbench::AgainstFloor(
+        state,
+        [&] {
+            manager->Finalize();
+            pref_sim_forget_images();
+            manager->Initialize();
+        },
+        [&] { benchmark::DoNotOptimize(pmbench::ReadWhole(file, buffer)); });
+}
+BENCHMARK(BM_InitializeFromNand)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 // Restart on the image already in memory: only the headers are read and matched.
-void BM_InitializeMatchingStoreInMemory(benchmark::State& state)
+void BM_InitializeInMemory(benchmark::State& state)
 {
-    EnsureRoot();
-    CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
+    CAdjustDataManager* manager = startedManager();
     for (auto _ : state) {
         manager->Finalize();
         manager->Initialize();
     }
 }
-BENCHMARK(BM_InitializeMatchingStoreInMemory)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_InitializeInMemory)->Unit(benchmark::kMicrosecond);
 
-void BM_GetDataSmallItem(benchmark::State& state)
+void BM_GetData4Bytes(benchmark::State& state)
 {
-    EnsureRoot();
-    CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
-    uint32_t value = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(manager->GetData(ADJUST_CIS_SN, &value, sizeof(value)));
-    }
+    CAdjustDataManager* manager = startedManager();
+    std::mutex mutex;
+    uint32_t value = 0, source = 7;
+    pmbench::AgainstFloor(
+        state, [&] { benchmark::DoNotOptimize(manager->GetData(ADJUST_CIS_SN, &value, sizeof value)); },
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            std::memcpy(&value, &source, sizeof value);
+            benchmark::DoNotOptimize(value);
+        },
+        1000);
 }
-BENCHMARK(BM_GetDataSmallItem);
+BENCHMARK(BM_GetData4Bytes)->UseManualTime();
 
-void BM_SetDataSmallItemDeferred(benchmark::State& state)
+void BM_SetData4BytesDeferred(benchmark::State& state)
 {
-    EnsureRoot();
-    CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
+    CAdjustDataManager* manager = startedManager();
     uint32_t value = 0;
     for (auto _ : state) {
         ++value;
-        benchmark::DoNotOptimize(manager->SetData(ADJUST_CIS_SN, &value, sizeof(value), false));
+        benchmark::DoNotOptimize(manager->SetData(ADJUST_CIS_SN, &value, sizeof value, false));
     }
     // The pending value goes out with a synced write of another item, so that later
     // benchmarks start from a store without pending data.
     unsigned char mark = 0;
     manager->SetData(ADJUST_CHECKSUM2, &mark, 1, true);
 }
-BENCHMARK(BM_SetDataSmallItemDeferred);
+BENCHMARK(BM_SetData4BytesDeferred)->Unit(benchmark::kMicrosecond);
 
-// A synced write: the item, then the save of the whole group to NAND.
-void BM_SetDataSmallItemSynced(benchmark::State& state)
+// A synced write: the item, its write-log entry, then the save of the whole group.
+void BM_SetData4BytesSynced(benchmark::State& state)
 {
-    EnsureRoot();
-    CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
+    CAdjustDataManager* manager = startedManager();
+    const std::vector<unsigned char> group(kGroupFileBytes, 0x5A);
+    const std::string floorFile = Root().Host("/mnt/ubi1/pref/floor.bin");
     uint32_t value = 0;
-    for (auto _ : state) {
-        ++value;
-        benchmark::DoNotOptimize(manager->SetData(ADJUST_CIS_SN, &value, sizeof(value), true));
-    }
+    pmbench::AgainstFloor(
+        state,
+        [&] {
+            ++value;
+            if (!manager->SetData(ADJUST_CIS_SN, &value, sizeof value, true)) state.SkipWithError("SetData failed");
+        },
+        [&] { pmbench::AtomicSave(floorFile, group); });
 }
-BENCHMARK(BM_SetDataSmallItemSynced)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SetData4BytesSynced)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace

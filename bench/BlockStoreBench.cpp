@@ -1,6 +1,7 @@
 // Insert and Remove of one 140-byte record in front of a 2.4 MB tail: the cost of
-// growing or shrinking an adjust item near the start of the body area, and of
-// saving group 3 afterwards.
+// growing or shrinking an adjust item near the start of the body area; and the save
+// of group 3 beside its floor, one atomic save of a file of the same size.
+#include "BenchSupport.h"
 #include "CAdjustFile.h"
 #include "CAdjustPreference.h"
 #include "pref.h"
@@ -14,43 +15,17 @@
 
 namespace {
 
+using pmbench::Root;
+
 constexpr unsigned long kBodyData = 51217;
 constexpr unsigned long kBodyLength = 51213;
 constexpr unsigned long kTail = 2400 * 1024;
 constexpr unsigned long kRecord = 140;
 
-/// A simulated device root for the whole program, removed at exit.
-class BenchRoot {
-public:
-    BenchRoot()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pmode-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) std::abort();
-        m_dir = pattern;
-        setenv("PMODE_ROOT", m_dir.c_str(), 1);
-        std::filesystem::create_directories(m_dir + "/mnt/ubi1/pref");
-    }
-    ~BenchRoot()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_dir, ignored);
-    }
-    const std::string& Dir() const { return m_dir; }
-
-private:
-    std::string m_dir;
-};
-
-BenchRoot& benchRoot()
-{
-    static BenchRoot root;
-    return root;
-}
-
 /// A body store of kTail bytes in group 3.
 void mountBody(CAdjustPreference& store)
 {
-    benchRoot();
+    Root();
     std::vector<unsigned char> body(kTail);
     for (unsigned long i = 0; i < kTail; ++i) body[i] = static_cast<unsigned char>(i * 13);
     if (pref_set_long(3, kBodyLength, static_cast<long>(kTail)) != 4) std::abort();
@@ -87,7 +62,7 @@ BENCHMARK(BM_PreferenceInsertRemoveAndSave)->Unit(benchmark::kMillisecond);
 
 void BM_FileInsertRemove(benchmark::State& state)
 {
-    const std::string path = benchRoot().Dir() + "/mnt/ubi1/pref/adj_bench.dat";
+    const std::string path = Root().Dir() + "/mnt/ubi1/pref/adj_bench.dat";
     {
         std::vector<char> body(kTail, 'x');
         FILE* file = std::fopen(path.c_str(), "wb");
@@ -103,5 +78,17 @@ void BM_FileInsertRemove(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 4 * static_cast<int64_t>(kTail));
 }
 BENCHMARK(BM_FileInsertRemove)->Unit(benchmark::kMillisecond);
+
+void BM_PreferenceSave(benchmark::State& state)
+{
+    Root();
+    if (pref_reset(3) != 0) std::abort();
+    const std::vector<unsigned char> group(20 + 5294098, 0x5A);
+    const std::string floorFile = Root().Host("/mnt/ubi1/pref/floor.bin");
+    pmbench::AgainstFloor(
+        state, [&] { if (pref_save(3) != 0) state.SkipWithError("pref_save failed"); },
+        [&] { pmbench::AtomicSave(floorFile, group); });
+}
+BENCHMARK(BM_PreferenceSave)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace

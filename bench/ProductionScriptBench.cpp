@@ -1,16 +1,20 @@
-// Loading and reading a production script of realistic size.
+// A production script of 10,000 commands loaded and read out command by command,
+// beside its floor: one read of the same file and one split of it into lines and words.
+#include "BenchSupport.h"
 #include "CProductionScript.h"
 
-#include <benchmark/benchmark.h>
-
-#include <cstdio>
-#include <cstdlib>
+#include <fstream>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
 namespace {
 
-std::string MakeScript(int steps)
+using pmbench::Root;
+
+constexpr int kCommands = 10000;
+
+/// Two commands per step, with a label and a comment line between them.
+std::string makeScript(int steps)
 {
     std::string text = "// generated production script\n";
     for (int i = 0; i < steps; ++i) {
@@ -22,47 +26,51 @@ std::string MakeScript(int steps)
     return text;
 }
 
-std::string WriteTemp(const std::string& text)
+/// The floor: the words of every line, found in one pass over text read in one go.
+size_t splitLinesAndWords(const std::vector<unsigned char>& text, size_t size, std::vector<std::pair<size_t, size_t>>& words)
 {
-    char path[] = "/tmp/pmode-bench-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd < 0) std::abort();
-    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
-    close(fd);
-    return path;
-}
-
-void BM_MountAndIndex(benchmark::State& state)
-{
-    unsetenv("PMODE_ROOT");
-    const std::string path = WriteTemp(MakeScript(static_cast<int>(state.range(0))));
-    for (auto _ : state) {
-        CProductionScript script;
-        benchmark::DoNotOptimize(script.Mount(path.c_str()));
-    }
-    unlink(path.c_str());
-    state.SetItemsProcessed(state.iterations() * state.range(0) * 4);
-}
-BENCHMARK(BM_MountAndIndex)->Arg(100)->Arg(1000);
-
-void BM_ReadWholeScript(benchmark::State& state)
-{
-    unsetenv("PMODE_ROOT");
-    const std::string path = WriteTemp(MakeScript(static_cast<int>(state.range(0))));
-    CProductionScript script;
-    for (auto _ : state) {
-        script.Mount(path.c_str());
-        int commands = 0;
-        for (;;) {
-            script.Parsing();
-            if (script.Read() == -1) break;
-            ++commands;
+    words.clear();
+    size_t lines = 0;
+    for (size_t i = 0; i < size;) {
+        const unsigned char c = text[i];
+        if (c == '\n') {
+            ++lines;
+            ++i;
+        } else if (c == ' ' || c == '\t' || c == '\r') {
+            ++i;
+        } else {
+            const size_t start = i;
+            while (i < size && text[i] != ' ' && text[i] != '\t' && text[i] != '\r' && text[i] != '\n') ++i;
+            words.emplace_back(start, i - start);
         }
-        benchmark::DoNotOptimize(commands);
     }
-    unlink(path.c_str());
-    state.SetItemsProcessed(state.iterations() * state.range(0) * 2);
+    return lines + words.size();
 }
-BENCHMARK(BM_ReadWholeScript)->Arg(100)->Arg(1000);
+
+void BM_MountAndReadEveryCommand(benchmark::State& state)
+{
+    const std::string path = Root().Host("/mnt/mmc/production.adj");
+    const std::string script = makeScript(kCommands / 2);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << script;
+    std::vector<unsigned char> buffer(script.size() + 1);
+    std::vector<std::pair<size_t, size_t>> words;
+    int commands = 0;
+    const double seconds = pmbench::AgainstFloor(
+        state,
+        [&] {
+            CProductionScript reader;
+            reader.Mount("/mnt/mmc/production.adj");
+            commands = 0;
+            for (;;) {
+                reader.Parsing();
+                if (reader.Read() == -1) break;
+                ++commands;
+            }
+        },
+        [&] { benchmark::DoNotOptimize(splitLinesAndWords(buffer, pmbench::ReadWhole(path, buffer), words)); });
+    if (commands != kCommands) state.SkipWithError("not every command was read");
+    state.counters["ns_per_command"] = seconds * 1e9 / kCommands;
+}
+BENCHMARK(BM_MountAndReadEveryCommand)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -34,6 +34,9 @@ TEST_F(ProductionCSVTest, IndexGoesOnFromTheLastLineUnwrappedAndTextsOfUnusableL
         {"full table", "A\r\n2147483647,777,x\r\n", 18, 18, ""}, {"leading zeros", "A\r\n00000000041,777,x", 0, 0, "42,777,a\r\n43,777,b\r\n"},
         {"lowest index", "A\r\n-2147483649,777,x\r\n", 0, 0, "-2147483648,777,a\r\n-2147483647,777,b\r\n"},
         {"below the lowest", "A\r\n-9999999999,777,x\r\n", 18, 18, ""},
+        {"last line longer than a read of the tail", "A\r\n" + std::string(30000, '9') + "\r\n6," + std::string(20000, 'x') + "\r\n", 0, 0,
+         "7,777,a\r\n8,777,b\r\n"},
+        {"no line break in a long table", std::string(20000, '5') + ",x", 0, 0, "0,777,a\r\n1,777,b\r\n"}, // index too long
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

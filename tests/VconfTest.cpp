@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <thread>
@@ -45,12 +47,16 @@ TEST_F(VconfTest, ValuesKeepTypeDamagedFilesReadAsMissingAndNoReaderSeesHalfOfAV
     EXPECT_EQ(-1, vconf_get_int("memory/private/pmode", &number)) << "string key read as int";
     EXPECT_EQ("<null>", GetStr("memory/private/pmode_Param1")) << "int key read as string";
     EXPECT_EQ(-1, number) << "a failed read leaves the output alone";
-    EXPECT_TRUE(root.Exists("/var/run/vconf/memory%2Fprivate%2Fpmode")) << "one file per key, whatever its slashes";
+    char path[512];
+    ASSERT_GT(vconf_sim_key_file("memory/private/pmode", path, sizeof path), 0);
+    EXPECT_TRUE(std::filesystem::exists(path) && std::string(path).rfind(root.Dir(), 0) != 0) << path << ": volatile, in memory";
+    EXPECT_EQ("memory%2Fprivate%2Fpmode", std::filesystem::path(path).filename()) << "one file per key, whatever its slashes";
+    ASSERT_EQ(0, vconf_set_int("db/private/pmode", 1));
+    EXPECT_TRUE(root.Exists("/var/run/vconf/db%2Fprivate%2Fpmode")) << "a persistent key stays below the root";
     EXPECT_EQ(-1, vconf_set_int("", 1));
     EXPECT_EQ(-1, vconf_set_int(nullptr, 1));
     EXPECT_EQ(-1, vconf_set_str("k", nullptr));
 
-    char path[512];
     ASSERT_GT(vconf_sim_key_file("memory/private/pmode_Param1", path, sizeof path), 0);
     for (const char* damaged : {"40 5\nhel", "hello", "41 3\n5ab", "41 9\n5", "41 11\n99999999999"}) {
         std::ofstream(path, std::ios::binary | std::ios::trunc) << damaged;
@@ -81,6 +87,19 @@ TEST_F(VconfTest, ValuesKeepTypeDamagedFilesReadAsMissingAndNoReaderSeesHalfOfAV
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_GT(reads, 10);
     EXPECT_EQ(0, bad) << "of " << reads << " reads";
+
+    std::filesystem::path orphan;
+    {
+        TestRoot removed;
+        ASSERT_EQ(0, vconf_set_int("memory/x", 1));
+        ASSERT_GT(vconf_sim_key_file("memory/x", path, sizeof path), 0);
+        orphan = std::filesystem::path(path).parent_path();
+        std::filesystem::remove_all(removed.Dir()); // gone without its memory directory
+    }
+    std::filesystem::last_write_time(orphan, std::filesystem::file_time_type::clock::now() - std::chrono::minutes(2));
+    TestRoot next;
+    ASSERT_EQ(0, vconf_set_int("memory/x", 2));
+    EXPECT_FALSE(std::filesystem::exists(orphan)) << "the memory directory of a removed root is removed";
 }
 
 TEST_F(VconfTest, SetsOfThreadsAndProcessesArriveOnOneThreadInOrderAndDropsOrJournalDamageLoseOnlyThat)

@@ -7,14 +7,20 @@
 #include "kernel.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -55,6 +61,62 @@ bool writeAll(int fd, const void* data, size_t size)
         bytes += n;
         size -= static_cast<size_t>(n);
     }
+    return true;
+}
+
+bool isVolatileKey(const char* key)
+{
+    return std::strncmp(key, "memory/", 7) == 0;
+}
+
+/// The link below the root that names the root's memory directory.
+std::string memoryLink()
+{
+    return StoreDir() + kMemoryLink;
+}
+
+bool inMemoryAlready(const std::string& root)
+{
+    struct statfs info {};
+    return statfs(root.c_str(), &info) == 0 && info.f_type == TMPFS_MAGIC;
+}
+
+/// A memory directory is an orphan once the link it names no longer leads back to it
+/// (its root was removed, or made anew). Directories younger than a minute are left
+/// alone: their process may not have linked them yet.
+void removeOrphanedVolatileDirs()
+{
+    std::error_code ec;
+    const auto now = std::filesystem::file_time_type::clock::now();
+    for (std::filesystem::directory_iterator it(kMemoryParent, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string dir = it->path().string();
+        if (it->path().filename().string().compare(0, std::strlen(kMemoryPrefix), kMemoryPrefix) != 0) continue;
+        std::error_code timeError;
+        const auto changed = std::filesystem::last_write_time(it->path(), timeError);
+        if (timeError || now - changed < std::chrono::minutes(1)) continue;
+        std::string link;
+        std::getline(std::ifstream(dir + "/" + kOwnerFile), link);
+        std::error_code linkError;
+        const std::filesystem::path target = std::filesystem::read_symlink(link, linkError);
+        std::error_code ignored;
+        if (link.empty() || linkError || target != it->path()) std::filesystem::remove_all(it->path(), ignored);
+    }
+}
+
+/// Makes this root's memory directory and links it; true when one is linked.
+bool prepareVolatileDir()
+{
+    if (!VolatileDir().empty()) return true;
+    std::string pattern = std::string(kMemoryParent) + "/" + kMemoryPrefix + "XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) return false;
+    std::ofstream(pattern + "/" + kOwnerFile) << memoryLink() << '\n';
+    if (symlink(pattern.c_str(), memoryLink().c_str()) != 0) {
+        // Another process linked its own first: use that one.
+        std::error_code ignored;
+        std::filesystem::remove_all(pattern, ignored);
+        return !VolatileDir().empty();
+    }
+    removeOrphanedVolatileDirs();
     return true;
 }
 
@@ -117,10 +179,11 @@ bool appendJournal(const char* key, int type, const std::string& value)
 int setValue(const char* key, int type, const std::string& value)
 {
     if (TakeFault(GetFaults().failSet)) return -1;
-    const std::string path = KeyFile(key);
-    if (path.empty() || value.size() > kMaxValueLength) return -1;
+    if (KeyFile(key).empty() || value.size() > kMaxValueLength) return -1;
     std::error_code error;
     std::filesystem::create_directories(StoreDir(), error);
+    if (isVolatileKey(key) && !prepareVolatileDir()) return -1;
+    const std::string path = KeyFile(key);
     {
         StoreLock lock;
         if (!lock.Held()) return -1;
@@ -173,10 +236,24 @@ std::string JournalFile()
     return StoreDir() + ".journal";
 }
 
+std::string VolatileDir()
+{
+    const std::string root = kernel_root();
+    if (root.empty() || inMemoryAlready(root) || access(kMemoryParent, W_OK) != 0) return StoreDir();
+    char target[PATH_MAX];
+    const ssize_t length = readlink(memoryLink().c_str(), target, sizeof target - 1);
+    if (length <= 0) return std::string();
+    return std::string(target, static_cast<size_t>(length)) + "/";
+}
+
 std::string KeyFile(const char* key)
 {
     if (key == nullptr || key[0] == '\0' || std::strlen(key) > kMaxKeyLength) return std::string();
-    return StoreDir() + encodeKey(key);
+    if (!isVolatileKey(key)) return StoreDir() + encodeKey(key);
+    const std::string dir = VolatileDir();
+    // Before the first set of a volatile key the root has no memory directory yet:
+    // the key's file would be in the store directory, where nothing is.
+    return (dir.empty() ? StoreDir() : dir) + encodeKey(key);
 }
 
 Faults& GetFaults()

@@ -3,7 +3,7 @@
 // storage (vconf.cpp) and the notification thread (vconf_notify.cpp).
 //
 // Layout below the device directory "/var/run/vconf/" (mapped through the root):
-//   <encoded key>   the key's value, "<type> <length>\n<bytes>", replaced whole
+//   <encoded key>   the value of a persistent key (volatile keys: see below), "<type> <length>\n<bytes>", replaced whole
 //                   by rename() of a temporary file, so a reader sees the old or
 //                   the new value, never a mixture;
 //   .journal        one record per set of any key, appended in the order of the
@@ -25,6 +25,16 @@ struct _keynode_t {
 namespace vconf_sim {
 
 constexpr const char* kStoreDir = "/var/run/vconf/";
+// Volatile keys ("memory/...") live in memory, as on the device: in a directory
+// "/dev/shm/pmode-vconf-XXXXXX" made for the root at its first set of one, named by
+// the symbolic link ".memory" in the store directory, and naming that link in its
+// file "root". A new one removes those whose link is gone or leads elsewhere (their
+// root was removed). A root that lies in memory already, or a host without a
+// writable /dev/shm, keeps volatile keys in the store directory with the others.
+constexpr const char* kMemoryParent = "/dev/shm";
+constexpr const char* kMemoryPrefix = "pmode-vconf-";
+constexpr const char* kMemoryLink = ".memory";
+constexpr const char* kOwnerFile = "root";
 constexpr uint32_t kJournalMagic = 0x314A4B56; // "VKJ1"
 constexpr uint32_t kMaxKeyLength = 1024;
 constexpr uint32_t kMaxValueLength = 64u * 1024u * 1024u;
@@ -41,6 +51,9 @@ struct JournalHeader {
 std::string StoreDir();
 /// Host path of the journal, for the current root.
 std::string JournalFile();
+/// Host directory of the volatile keys (with a trailing slash), for the current root;
+/// "" while the root has none (no volatile key was set yet).
+std::string VolatileDir();
 /// Host path of a key's value file; "" for a key that is not acceptable.
 std::string KeyFile(const char* key);
 

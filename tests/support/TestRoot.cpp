@@ -34,6 +34,9 @@ TestRoot::~TestRoot()
 {
     unsetenv("PMODE_ROOT");
     std::error_code ignored;
+    // The key-value store keeps a root's volatile keys in memory, behind this link.
+    const fs::path memory = fs::read_symlink(fs::path(m_dir) / "var/run/vconf/.memory", ignored);
+    if (!memory.empty()) fs::remove_all(memory, ignored);
     fs::remove_all(m_dir, ignored);
 }
 

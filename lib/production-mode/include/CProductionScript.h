@@ -85,6 +85,8 @@ public:
 
 private:
     bool isCommandLine(int line);
+    /// Where a line starts in the text ("" for a line out of range or no text).
+    const char* lineText(int line) const;
     /// Spots a repeated state among the jumps of one Read (Brent's cycle search:
     /// the state saved at power-of-two steps is compared with every later one).
     struct LoopWatch {

@@ -32,10 +32,100 @@ bool isSeparator(char c)
     return c == ' ' || c == '\t';
 }
 
-/// A comment word begins with "/" and holds "//".
-bool isCommentWord(const char* word)
+// Words are read straight from the text: each use splits the line once, in place,
+// with no copy of the line and no second scan from its start.
+
+/// The bytes of a line that are seen: at most kLineMax, up to the end of the line
+/// (its newline, or the carriage return right before it).
+size_t seenLength(const char* line)
 {
-    return word[0] == '/' && std::strstr(word, "//") != nullptr;
+    const size_t copied = strnlen(line, kLineMax);
+    const void* newline = std::memchr(line, '\n', copied);
+    if (newline == nullptr) return copied;
+    size_t end = static_cast<size_t>(static_cast<const char*>(newline) - line);
+    if (copied > 1 && end > 0 && line[end - 1] == '\r') --end;
+    return end;
+}
+
+struct Word {
+    const char* text = nullptr;
+    size_t length = 0;
+};
+
+/// A line's seen part and a cursor over its words.
+class WordReader {
+public:
+    explicit WordReader(const char* line) : m_line(line), m_length(seenLength(line)) {}
+    /// A line has words only if it holds a space.
+    bool HasWords() const { return std::memchr(m_line, ' ', m_length) != nullptr; }
+    /// The next word; false at the end of the line.
+    bool Next(Word& word)
+    {
+        while (m_at < m_length && isSeparator(m_line[m_at])) ++m_at;
+        if (m_at == m_length) return false;
+        const size_t start = m_at;
+        while (m_at < m_length && !isSeparator(m_line[m_at])) ++m_at;
+        word = {m_line + start, m_at - start};
+        return true;
+    }
+    /// A line without words is still handed out whole when it fits a word buffer.
+    void CopyShortLine(char* out) const
+    {
+        if (m_length <= static_cast<size_t>(kWordMax)) std::memcpy(out, m_line, m_length);
+    }
+
+private:
+    const char* m_line;
+    size_t m_length;
+    size_t m_at = 0;
+};
+
+/// Copies a word into a zeroed word buffer (no terminator); false for a word too long.
+bool copyWord(const Word& word, char* out)
+{
+    if (word.length > static_cast<size_t>(kWordMax)) return false;
+    std::memcpy(out, word.text, word.length);
+    return true;
+}
+
+bool wordIs(const Word& word, const char* text)
+{
+    return word.length == std::strlen(text) && std::memcmp(word.text, text, word.length) == 0;
+}
+
+/// A comment word begins with "/" and holds "//".
+bool isCommentWord(const Word& word)
+{
+    if (word.length == 0 || word.text[0] != '/') return false;
+    for (size_t i = 0; i + 1 < word.length; ++i) {
+        if (word.text[i] == '/' && word.text[i + 1] == '/') return true;
+    }
+    return false;
+}
+
+bool isKeyword(const char* word)
+{
+    for (const char* keyword : kKeywords) {
+        if (std::strcmp(word, keyword) == 0) return true;
+    }
+    return false;
+}
+
+/// Splits a line into a command's name and parameters in one pass. False when it has
+/// no first word (the name buffer may then hold a short line that has no space).
+bool parseCommand(const char* line, _tPM_Command& command)
+{
+    WordReader reader(line);
+    Word word;
+    if (!reader.HasWords()) {
+        reader.CopyShortLine(command.szWorker);
+        return false;
+    }
+    if (!reader.Next(word) || !copyWord(word, command.szWorker)) return false;
+    for (int i = 0; i < PM_PARAM_MAX && reader.Next(word); ++i) {
+        if (copyWord(word, command.szParam[i])) command.nParamCount = i + 1;
+    }
+    return true;
 }
 
 } // namespace
@@ -100,13 +190,11 @@ bool CProductionScript::setLineOffset()
     for (unsigned int i = 0; pBuffer[i] != '\0'; ++i) {
         if (pBuffer[i] != '\n') continue;
         vecLineOffset.push_back(i + 1);
-        char text[PM_LINE_SIZE] = {};
-        get1LineString(text, line);
-        char word[PM_WORD_SIZE] = {};
-        if (getParam(text, 0, word) && std::strcmp(word, "label") == 0) {
-            char name[PM_WORD_SIZE] = {};
-            if (getParam(text, 1, name)) {
-                mapLabel[name] = static_cast<unsigned int>(line);
+        WordReader reader(lineText(line));
+        Word word, name;
+        if (reader.HasWords() && reader.Next(word) && wordIs(word, "label")) {
+            if (reader.Next(name) && name.length <= static_cast<size_t>(kWordMax)) {
+                mapLabel[std::string(name.text, name.length)] = static_cast<unsigned int>(line);
             } else {
                 // A nameless label is reported and left out; indexing goes on.
                 PM_ASSERT_FAILED();
@@ -115,6 +203,12 @@ bool CProductionScript::setLineOffset()
         ++line;
     }
     return true;
+}
+
+const char* CProductionScript::lineText(int line) const
+{
+    if (pBuffer == nullptr || line < 0 || line >= lineCount()) return "";
+    return pBuffer + vecLineOffset[static_cast<size_t>(line)];
 }
 
 bool CProductionScript::get1LineString(char* out, int line)
@@ -132,42 +226,30 @@ bool CProductionScript::get1LineString(char* out, int line)
 bool CProductionScript::getParam(const char* line, int index, char* out)
 {
     if (line == nullptr || out == nullptr || index < 0) return false;
-    char work[PM_LINE_SIZE] = {};
-    std::strncpy(work, line, kLineMax);
-    const size_t copied = std::strlen(work);
-    if (copied == 0) return false;
-    cutAtLineEnd(work, copied);
-
-    if (std::strchr(work, ' ') == nullptr) {
-        // A line without a space has no words; a short one is still handed out whole.
-        const size_t length = std::strlen(work);
-        if (length <= static_cast<size_t>(kWordMax)) std::memcpy(out, work, length);
+    WordReader reader(line);
+    if (!reader.HasWords()) {
+        reader.CopyShortLine(out);
         return false;
     }
-
-    const char* cursor = work;
-    for (int word = 0;; ++word) {
-        while (isSeparator(*cursor)) ++cursor;
-        if (*cursor == '\0') return false;
-        const char* start = cursor;
-        while (*cursor != '\0' && !isSeparator(*cursor)) ++cursor;
-        if (word < index) continue;
-        const size_t length = static_cast<size_t>(cursor - start);
-        if (length > static_cast<size_t>(kWordMax)) return false;
-        std::memcpy(out, start, length);
-        return true;
+    Word word;
+    for (int i = 0; i <= index; ++i) {
+        if (!reader.Next(word)) return false;
     }
+    return copyWord(word, out);
 }
 
 bool CProductionScript::sumRemainString(int first, int last, const char* line, char* out)
 {
-    if (first >= last || out == nullptr) return false;
+    if (first >= last || out == nullptr || line == nullptr || first < 0) return false;
+    WordReader reader(line);
+    if (!reader.HasWords()) return false;
     std::string joined;
-    for (int index = first; index <= last; ++index) {
-        char word[PM_WORD_SIZE] = {};
-        if (!getParam(line, index, word)) break;
+    Word word;
+    for (int index = 0; index <= last && reader.Next(word); ++index) {
+        if (index < first) continue;
+        if (word.length > static_cast<size_t>(kWordMax)) break;
         if (!joined.empty()) joined += ' ';
-        joined += word;
+        joined.append(word.text, word.length);
     }
     if (joined.empty() || joined.size() > static_cast<size_t>(kLineMax)) return false;
     std::memcpy(out, joined.c_str(), joined.size() + 1);
@@ -176,10 +258,9 @@ bool CProductionScript::sumRemainString(int first, int last, const char* line, c
 
 bool CProductionScript::isCommandLine(int line)
 {
-    char text[PM_LINE_SIZE] = {};
-    get1LineString(text, line);
-    char word[PM_WORD_SIZE] = {};
-    return getParam(text, 0, word) && !isCommentWord(word);
+    WordReader reader(lineText(line));
+    Word word;
+    return reader.HasWords() && reader.Next(word) && word.length <= static_cast<size_t>(kWordMax) && !isCommentWord(word);
 }
 
 bool CProductionScript::skipComment(int direction)
@@ -222,43 +303,25 @@ void CProductionScript::Parsing()
 {
     tCommand = 0;
     nLogicType = LOGIC_NONE;
-    char text[PM_LINE_SIZE] = {};
-    get1LineString(text, nCurLine);
-    if (!getParam(text, 0, tCommand.szWorker)) {
+    if (!parseCommand(lineText(nCurLine), tCommand)) {
         std::memset(tCommand.szWorker, 0, sizeof tCommand.szWorker);
         return;
     }
-    if (isLogicOperation()) {
-        if (std::strcmp(tCommand.szWorker, "label") == 0) nLogicType = LOGIC_LABEL;
-        if (std::strcmp(tCommand.szWorker, "goto") == 0) nLogicType = LOGIC_GOTO;
-    }
-    for (int i = 0; i < PM_PARAM_MAX; ++i) {
-        if (getParam(text, i + 1, tCommand.szParam[i])) tCommand.nParamCount = i + 1;
-        else std::memset(tCommand.szParam[i], 0, sizeof tCommand.szParam[i]);
-    }
+    if (std::strcmp(tCommand.szWorker, "label") == 0) nLogicType = LOGIC_LABEL;
+    if (std::strcmp(tCommand.szWorker, "goto") == 0) nLogicType = LOGIC_GOTO;
 }
 
 _tPM_Command CProductionScript::Parsing(const char* line)
 {
     _tPM_Command command;
-    if (line == nullptr || !getParam(line, 0, command.szWorker)) return command;
-    for (int i = 0; i < PM_PARAM_MAX; ++i) {
-        if (getParam(line, i + 1, command.szParam[i])) command.nParamCount = i + 1;
-        else std::memset(command.szParam[i], 0, sizeof command.szParam[i]);
-    }
+    if (line != nullptr) parseCommand(line, command);
     return command;
 }
 
 bool CProductionScript::isLogicOperation()
 {
-    char text[PM_LINE_SIZE] = {};
-    get1LineString(text, nCurLine);
-    char word[PM_WORD_SIZE] = {};
-    if (!getParam(text, 0, word)) return false;
-    for (const char* keyword : kKeywords) {
-        if (std::strcmp(word, keyword) == 0) return true;
-    }
-    return false;
+    _tPM_Command command;
+    return parseCommand(lineText(nCurLine), command) && isKeyword(command.szWorker);
 }
 
 int CProductionScript::findLabel(const char* label)
@@ -277,25 +340,21 @@ bool CProductionScript::GotoLabel(const char* label)
         return true;
     }
 
-    char text[PM_LINE_SIZE] = {};
-    get1LineString(text, nCurLine);
-    char word[PM_WORD_SIZE] = {};
-    if (!getParam(text, 0, word)) return false;
-    if (std::strcmp(word, "goto") != 0) {
+    _tPM_Command line;
+    if (!parseCommand(lineText(nCurLine), line)) return false;
+    if (std::strcmp(line.szWorker, "goto") != 0) {
         const int target = findLabel(label);
         if (target < 0) return false;
         nCurLine = target;
         return true;
     }
 
-    char name[PM_WORD_SIZE] = {};
-    if (!getParam(text, 1, name)) return false;
+    if (line.szParam[0][0] == '\0') return false; // no label name
     const int target = findLabel(label);
     if (target < 0) return false;
     nCurLine = target;
-    char count[PM_WORD_SIZE] = {};
-    if (!getParam(text, 2, count)) return false;
-    nLoopCount = std::atoi(count);
+    if (line.szParam[1][0] == '\0') return false; // no count
+    nLoopCount = std::atoi(line.szParam[1]);
     return true;
 }
 

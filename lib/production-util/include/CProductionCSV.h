@@ -84,7 +84,9 @@ public:
     std::string GetCSVData4PTPTrans();
 
 private:
-    bool readWholeFile(std::string& content);
+    /// The end of the open file from the start of its last line (or more), so the
+    /// last index is found without reading a long table whole.
+    bool readTail(std::string& tail);
     /// The index after the open file's last line, not limited to 32 bits.
     int64_t nextLineIndex();
 

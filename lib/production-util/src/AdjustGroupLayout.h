@@ -8,6 +8,7 @@ namespace adjust {
 constexpr int PREF_ID_ADJUST = 3;
 constexpr unsigned long MARKER1_OFFSET = 8;
 constexpr unsigned long MARKER2_OFFSET = 5294097;
+constexpr unsigned long GROUP_SIZE = MARKER2_OFFSET + 1; // the second marker is the group's last byte
 constexpr unsigned char MARKER1 = 0x11;
 constexpr unsigned char MARKER2 = 0x26;
 constexpr unsigned long HEADER_SIZE_OFFSET = 9;

@@ -58,8 +58,9 @@ bool CAdjustPreference::Mount(unsigned long dataOffset, unsigned long sizeOffset
     m_dataOffset = static_cast<uint32_t>(dataOffset);
     m_sizeOffset = static_cast<uint32_t>(sizeOffset);
     m_size = static_cast<int32_t>(size);
-    unsigned char* image = pref_get_addr(kGroup, nullptr);
-    PM_CHECK(image != nullptr, false);
+    unsigned long imageSize = 0;
+    unsigned char* image = pref_get_addr(kGroup, &imageSize);
+    PM_CHECK(image != nullptr && imageSize == GROUP_SIZE, false);
     m_area = image + dataOffset;
     return m_size > 0;
 }
@@ -81,11 +82,11 @@ bool CAdjustPreference::crcCheck()
         && pref_get_byte(kGroup, MARKER2_OFFSET) == MARKER2;
 }
 
+// Mount took only an image of the group's full size, so no read needs to ask the
+// preference store (and take its lock) for the size again.
 unsigned long CAdjustPreference::roomInImage() const
 {
-    unsigned long imageSize = 0;
-    if (pref_get_addr(kGroup, &imageSize) == nullptr || m_dataOffset > imageSize) return 0;
-    return imageSize - m_dataOffset;
+    return m_dataOffset <= GROUP_SIZE ? GROUP_SIZE - m_dataOffset : 0;
 }
 
 bool CAdjustPreference::Read(unsigned long offset, void* buffer, unsigned long size)

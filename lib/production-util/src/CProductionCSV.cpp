@@ -19,6 +19,7 @@ namespace {
 constexpr int kAdjustCisSn = 27; // ADJUST_CIS_SN
 constexpr int kLineMax = 4095;
 constexpr size_t kIndexFieldMax = 11;
+constexpr size_t kTailBlock = 8192; // holds the longest line the table writes
 constexpr const char* kHeaderStart = "Index,CIS S/N";
 
 bool hostLinkMode()
@@ -275,18 +276,23 @@ int CProductionCSV::write(std::string text, bool header)
     return PM_CSV_OK;
 }
 
-bool CProductionCSV::readWholeFile(std::string& content)
+bool CProductionCSV::readTail(std::string& tail)
 {
-    content.assign(static_cast<size_t>(nFileSize), '\0');
-    if (std::fseek(fpCSV, 0, SEEK_SET) != 0) {
-        PM_TRACE("File control error[getlinelindex->Seek]: ");
-        return false;
+    const size_t size = static_cast<size_t>(nFileSize);
+    for (size_t want = kTailBlock;; want *= 2) {
+        const size_t from = size > want ? size - want : 0;
+        tail.assign(size - from, '\0');
+        if (std::fseek(fpCSV, static_cast<long>(from), SEEK_SET) != 0) {
+            PM_TRACE("File control error[getlinelindex->Seek]: ");
+            return false;
+        }
+        if (std::fread(&tail[0], 1, tail.size(), fpCSV) != tail.size()) {
+            PM_TRACE("File control error[getlinelindex->Read]: ");
+            return false;
+        }
+        // Done once the break before the last line is in, or the file is read whole.
+        if (from == 0 || (tail.size() > 2 && tail.find_last_of('\n', tail.size() - 2) != std::string::npos)) return true;
     }
-    if (std::fread(&content[0], 1, content.size(), fpCSV) != content.size()) {
-        PM_TRACE("File control error[getlinelindex->Read]: ");
-        return false;
-    }
-    return true;
 }
 
 int32_t CProductionCSV::getLineIndex()
@@ -304,8 +310,8 @@ int64_t CProductionCSV::nextLineIndex()
     if (nFileSize == 0 || fpCSV == nullptr) return 0;
 
     std::string content;
-    PM_CHECK(readWholeFile(content), 0);
-    PM_CHECK(content.size() > 2, 0);
+    PM_CHECK(readTail(content), 0);
+    PM_CHECK(nFileSize > 2, 0);
 
     // The last line starts after the last '\n' before the file's final byte.
     const size_t lastBreak = content.find_last_of('\n', content.size() - 2);

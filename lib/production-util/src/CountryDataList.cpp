@@ -2,6 +2,9 @@
 
 #include "AdjustDataList.h"
 
+#include <array>
+#include <cstddef>
+
 namespace {
 
 /// Two ASCII characters as the table keeps them: the first in the lowest byte.
@@ -180,8 +183,15 @@ const uint32_t COUNTRY_DATA_LIST[COUNTRY_DATA_ROWS][COUNTRY_DATA_WORDS] = {
 
 int countryDataWordOf(int id)
 {
-    for (int word = 0; word < COUNTRY_DATA_WORDS; ++word) {
-        if (COUNTRY_DATA_WORD_ITEM[word] == id) return word;
-    }
-    return -1;
+    // Every GetData asks: one look-up per item id instead of a walk over the words.
+    static const std::array<int8_t, ADJUST_DATA_ID_MAX> wordOfItem = [] {
+        std::array<int8_t, ADJUST_DATA_ID_MAX> words{};
+        words.fill(-1);
+        for (int word = COUNTRY_DATA_WORDS - 1; word >= 0; --word) {
+            const int item = COUNTRY_DATA_WORD_ITEM[word];
+            if (item >= 0 && item < ADJUST_DATA_ID_MAX) words[static_cast<size_t>(item)] = static_cast<int8_t>(word);
+        }
+        return words;
+    }();
+    return id >= 0 && id < ADJUST_DATA_ID_MAX ? wordOfItem[static_cast<size_t>(id)] : -1;
 }
