@@ -72,12 +72,14 @@ TEST(OsLayerTest, FlagsThreadsAndMutexesWorkAndPathsLogsCommandsAndMountsLandBel
         {"mkdir -p --mode=0750 /mnt/ubi1/log/", 0}, {"mkdir -p /mnt/ubi1/log/ --mode=0750;mkdir -p /mnt/ubi1/b --mode=0750", 0},
         {"rm -rf /", 127}, {"echo 1 > /pref/dirty_adj2; rm -rf /mnt", 127}, {"reboot", 127},
         {"mkdir -p relative/dir --mode=0755", 127}, {"mkdir -p /mnt/x --mode=0999", 127},
-        {"ubiattach -p /dev/sda1 -d 2", 127}, {"echo 1 > relative", 127}, {"", 127}, {" ; ; ", 127}};
+        {"ubiattach -p /dev/sda1 -d 2", 127}, {"echo 1 > relative", 127}, {"", 127}, {" ; ; ", 127},
+        {"echo 1 > /pref/dirty_adj", 0}};
     for (const auto& [command, status] : commands) EXPECT_EQ(status << 8, kernel_system(command)) << command;
     EXPECT_EQ(127 << 8, kernel_system(nullptr));
     EXPECT_EQ("rm -rf /", KernelSimRecords()[4]) << "refused commands are recorded too";
     EXPECT_EQ(1 << 8, kernel_sim_record_result(1));
     EXPECT_FALSE(root.Exists("/pref/dirty_adj2")) << "the known part of a refused command did not run";
+    EXPECT_EQ("1\n", root.ReadFile("/pref/dirty_adj"));
     EXPECT_FALSE(root.Exists("/mnt/x"));
     struct stat info {};
     ASSERT_EQ(0, stat(root.Host("/mnt/ubi1/log").c_str(), &info));
