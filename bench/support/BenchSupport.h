@@ -35,8 +35,8 @@ void AtomicSave(const std::string& path, const std::vector<unsigned char>& bytes
 /// The floor of a load: one open and read() of the whole file. Its size.
 size_t ReadWhole(const std::string& path, std::vector<unsigned char>& into);
 
-/// Times `operation` and `floor` alternately, each `batch` times per iteration, so
-/// that both meet the same machine. The benchmark's time is the operation's, per
+/// Times `operation` and `floor` alternately, each `batch` times per iteration and
+/// in turns of order, so that both meet the same machine. The benchmark's time is the operation's, per
 /// iteration (use UseManualTime); the counters are the times per call of the
 /// operation ("op_ns") and of the floor ("floor_ns"), and their ratio ("ratio").
 /// Gives the operation's mean time per call, in seconds.
@@ -45,15 +45,20 @@ double AgainstFloor(benchmark::State& state, Operation operation, Floor floor, i
 {
     using Clock = std::chrono::steady_clock;
     double operationSeconds = 0, floorSeconds = 0;
-    for (auto _ : state) {
+    const auto timed = [](auto& what, int times) {
         const auto start = Clock::now();
-        for (int i = 0; i < batch; ++i) operation();
-        const auto middle = Clock::now();
-        for (int i = 0; i < batch; ++i) floor();
-        const auto end = Clock::now();
-        const double seconds = std::chrono::duration<double>(middle - start).count();
+        for (int i = 0; i < times; ++i) what();
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    };
+    bool floorFirst = false;
+    for (auto _ : state) {
+        // Turn about, so that neither always runs in the wake of the other.
+        const double floorBefore = floorFirst ? timed(floor, batch) : 0;
+        const double seconds = timed(operation, batch);
+        const double floorAfter = floorFirst ? 0 : timed(floor, batch);
+        floorFirst = !floorFirst;
         operationSeconds += seconds;
-        floorSeconds += std::chrono::duration<double>(end - middle).count();
+        floorSeconds += floorBefore + floorAfter;
         state.SetIterationTime(seconds);
     }
     const double calls = static_cast<double>(state.iterations()) * batch;
