@@ -6,8 +6,11 @@
 #include "TestRoot.h"
 
 #include <signal.h>
+#include <sys/wait.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 namespace fs = std::filesystem;
 using pmtool::ExpectRuns;
@@ -136,7 +139,18 @@ protected:
     pmtool::Result StopServer(int signal = SIGINT)
     {
         kill(serverPid, signal);
-        const int status = pclose(server);
+        // A camera that does not stop fails the test instead of hanging it.
+        int status = 0;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (waitpid(serverPid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                ADD_FAILURE() << "the camera did not stop on signal " << signal;
+                kill(serverPid, SIGKILL);
+                waitpid(serverPid, &status, 0);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        pclose(server); // its process is reaped already
         server = nullptr;
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, root.ReadFile("/server.txt") + root.ReadFile("/report.json")};
     }
