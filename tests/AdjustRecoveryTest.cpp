@@ -64,6 +64,7 @@ protected:
         const std::vector<long> points = filefaults::SweepPoints(filefaults::Names());
         const std::string newImage = nandImage();
         check(false, true);
+        if (HasFailure()) return; // wrong without any fault: no sweep
         long runs = 0;
         for (Action action : {Action::FailOnce, Action::FailFrom, Action::Kill}) {
             for (long at : points) {
