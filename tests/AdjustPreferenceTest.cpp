@@ -87,6 +87,9 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
     EXPECT_FALSE(body.Write(5300000, buffer, 64));
     EXPECT_LT(body.Insert(0x7FFFFFFE, 16), 0);
     EXPECT_LT(body.Remove(5300000, 16), 0);
+    body.Umount();
+    ASSERT_TRUE(body.Mount(kBodyAt, kBodyLengthAt, 5294098 - kBodyAt + 8)); // the tail ends 8 bytes past the image
+    EXPECT_EQ(-1, body.Remove(0, 16)) << "refused before any byte moves";
 }
 
 TEST_F(AdjustPreferenceTest, FailingTemporaryOrSetterLeavesTheAreaAsItWasAndIsReported)

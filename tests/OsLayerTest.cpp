@@ -80,6 +80,7 @@ TEST(OsLayerTest, FlagsThreadsAndMutexesWorkAndPathsLogsCommandsAndMountsLandBel
     EXPECT_EQ(1 << 8, kernel_sim_record_result(1));
     EXPECT_FALSE(root.Exists("/pref/dirty_adj2")) << "the known part of a refused command did not run";
     EXPECT_EQ("1\n", root.ReadFile("/pref/dirty_adj"));
+    EXPECT_EQ(std::make_pair(1, 0), std::make_pair(kernel_sim_ubi_attached(2), kernel_sim_ubi_attached(5)));
     EXPECT_FALSE(root.Exists("/mnt/x"));
     struct stat info {};
     ASSERT_EQ(0, stat(root.Host("/mnt/ubi1/log").c_str(), &info));

@@ -64,6 +64,8 @@ TEST_F(PrefStoreTest, DefaultsOutsideAccessAndBadFilesAreRefusedAndFailedKilledO
     std::vector<unsigned char> expected(40, 0);
     expected.insert(expected.end(), {1, 2, 3, 4, 0x44, 0xB7, 0xFF, 0xFF});
     EXPECT_EQ(expected, image(1)) << "only the accepted writes landed, little-endian";
+    ASSERT_EQ(0, pref_save_to_file(1, "/tmp/one.dump"));
+    EXPECT_EQ(std::string("PMPREF01\x01\0\0\0\x30\0\0\0\xF8\x26\xB2\xF2", 20), root.ReadFile("/tmp/one.dump").substr(0, 20)) << "zlib's CRC-32";
     EXPECT_EQ(-18620, pref_get_long(1, 44)) << "lengths are signed 32-bit";
     EXPECT_EQ(0, pref_get_byte(1, 48));
     EXPECT_EQ(0, pref_get_long(3, kGroup3Size - 3));
