@@ -3,6 +3,7 @@
 #include "CAdjustData.h"
 #include "CAdjustLogMachine.h"
 #include "FileSizeLimit.h"
+#include "PMReport.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
@@ -69,6 +70,10 @@ protected:
 
 TEST_F(AdjustLogMachineTest, FirstRecordCreatesTheFileAndEveryLineIsFlushed)
 {
+    const unsigned long checks = pm::AssertionCount();
+    log->TurnOn();
+    log->TurnOff();
+    EXPECT_EQ(checks, pm::AssertionCount()) << "no log file yet is no failure";
     EXPECT_TRUE(log->Log("x"));
     EXPECT_EQ(1, g_syncCalls.load());
     EXPECT_TRUE(log->Log("Header Write Fail %d, %d\n", 280, 140)) << "one trailing line feed is dropped";
