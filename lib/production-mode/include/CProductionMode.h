@@ -41,6 +41,8 @@
 //    still open; the destructor asks a script run to stop, joins the thread and
 //    only then frees the owned objects.
 
+#include "ProductionModeExport.h"
+
 #include "FThread.h"
 
 #include <atomic>
@@ -58,7 +60,7 @@ enum {
     OP_TYPE_PTP = 2,    ///< the factory PC drives the run over the host link
 };
 
-class CProductionMode : public FThread {
+class PM_EXPORT CProductionMode : public FThread {
 public:
     /// The process-wide instance, built on the first call. Any thread.
     static CProductionMode* GetInstance();

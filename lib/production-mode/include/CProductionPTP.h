@@ -33,6 +33,8 @@
 // already on its way when the subscription went, never touches a deleted channel:
 // the destructor waits for running callbacks to leave.
 
+#include "ProductionModeExport.h"
+
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
 
@@ -50,7 +52,7 @@ enum {
     PTP_MSG_PROTOCOL = 2, ///< a protocol message is pending
 };
 
-class CProductionPTP {
+class PM_EXPORT CProductionPTP {
 public:
     /// Message type 0, not mounted, no buffer.
     CProductionPTP();

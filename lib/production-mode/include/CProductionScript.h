@@ -12,6 +12,8 @@
 // The object has no lock: one thread at a time (the controller's thread while a
 // script runs). Parsing(const char*) touches no state and may be called anywhere.
 
+#include "ProductionModeExport.h"
+
 #include "_tPM_Command.h"
 
 #include <cstdint>
@@ -26,7 +28,7 @@ enum {
     LOGIC_GOTO = 5,  ///< "goto NAME COUNT"
 };
 
-class CProductionScript {
+class PM_EXPORT CProductionScript {
 public:
     CProductionScript();
     ~CProductionScript();

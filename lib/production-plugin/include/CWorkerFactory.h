@@ -9,11 +9,13 @@
 // registry's lock, and worker code (Initialize, Finalize, destructors) is called
 // on a copy of the list, outside the lock, so a worker may (un)register from it.
 
+#include "ProductionModeExport.h"
+
 #include <vector>
 
 class IPModeWorker;
 
-class CWorkerFactory {
+class PM_EXPORT CWorkerFactory {
 public:
     /// The registry, built on the first call. Any thread.
     static CWorkerFactory* GetInstance();

@@ -38,13 +38,15 @@
 //    an immediate Set of length 0 writes nothing and answers true;
 //  - the destructor frees an owned cache still pending.
 
+#include "ProductionModeExport.h"
+
 #include "AdjustDataTypes.h"
 
 #include <cstdint>
 
 class CAdjustPreference;
 
-class CAdjustData {
+class PM_EXPORT CAdjustData {
 public:
     /// The item's record as stored, and the byte position of that record in the header area.
     struct _tAdjDataExtHeader : _TAdjDataHeader {

@@ -52,6 +52,8 @@
 // LoadDataFromFile comes back the same way: a loaded file that cannot be started leaves
 // the camera's own data in place.
 
+#include "ProductionModeExport.h"
+
 #include <vector>
 
 #include "fx_os.h"
@@ -59,7 +61,7 @@
 class CAdjustData;
 class CAdjustPreference;
 
-class CAdjustDataManager {
+class PM_EXPORT CAdjustDataManager {
 public:
     /// Whether the block stores prepare the snapshot-boot image when they change.
     enum E_OP_MODE {

@@ -31,10 +31,12 @@
 //  - Mount refuses (false, empty path) a null name, a name longer than 240
 //    characters and the names of the two temporaries.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 #include <cstdio>
 
-class CAdjustFile {
+class PM_EXPORT CAdjustFile {
 public:
     /// Empty path, no items.
     CAdjustFile();

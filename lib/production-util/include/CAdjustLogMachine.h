@@ -25,11 +25,13 @@
 //  - remove1line keeps everything behind the first line feed byte for byte, NUL bytes
 //    included.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 
 class CAdjustData;
 
-class CAdjustLogMachine {
+class PM_EXPORT CAdjustLogMachine {
 public:
     /// The log file's device path, "/adj/AdjLog.txt" (mapped below PMODE_ROOT when set).
     static const char* FILE_NAME;

@@ -43,10 +43,12 @@
 //  - A second Mount of a mounted store is reported as a failed check and refused
 //    (false); the store keeps its first mount.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 #include <cstdio>
 
-class CAdjustPreference {
+class PM_EXPORT CAdjustPreference {
 public:
     /// Unmounted: no area, length 0, snapshot making off, not modified.
     CAdjustPreference();

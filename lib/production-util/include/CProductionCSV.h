@@ -47,6 +47,8 @@
 //  - An unreadable CIS serial number (adjust data not initialised) is a failed
 //    check: the data line is not written and gets 18 (its index is used up).
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -58,7 +60,7 @@ enum {
     PM_CSV_LENGTH_ERROR = 19, ///< Write: the estimated text length is not 1 to 4095
 };
 
-class CProductionCSV {
+class PM_EXPORT CProductionCSV {
 public:
     CProductionCSV();
     /// Closes a file left open and releases the strings.

@@ -1,0 +1,6 @@
+#pragma once
+// The ABI of libproduction-mode. The library is built with hidden visibility, so
+// only what its public headers mark PM_EXPORT is visible to programs and plug-ins;
+// everything else stays internal and may change without notice.
+
+#define PM_EXPORT __attribute__((visibility("default")))
