@@ -104,11 +104,11 @@ private:
     /// publishes the next one: the script text (null for a protocol message), the
     /// type and the request bit. False, with the text not taken, when the channel
     /// was stopped meanwhile.
-    bool deliver(uint32_t type, char* text, const char* who);
-    int32_t readProtocolKeys(int& operation, int& p1, int& p2, int& p3, int& p4);
+    PM_HIDDEN bool deliver(uint32_t type, char* text, const char* who);
+    PM_HIDDEN int32_t readProtocolKeys(int& operation, int& p1, int& p2, int& p3, int& p4);
     /// Releases the script text. Call with mHandOver held while a callback may run.
-    void releaseScriptText();
-    void releasePayload();
+    PM_HIDDEN void releaseScriptText();
+    PM_HIDDEN void releasePayload();
 
     CEventFlag* pEventFlag;              ///< owned; wakes the controller's thread
     char* pMessageBuffer;                ///< owned (malloc); script text; null when none; under mHandOver

@@ -43,8 +43,8 @@ public:
     CWorkerFactory& operator=(const CWorkerFactory&) = delete;
 
 private:
-    CWorkerFactory();
-    std::vector<IPModeWorker*> snapshot();
+    PM_HIDDEN CWorkerFactory();
+    PM_HIDDEN std::vector<IPModeWorker*> snapshot();
 
     std::vector<IPModeWorker*> vecWorker; ///< registered workers, in order of registration
 };

@@ -109,11 +109,11 @@ public:
     bool checkDataValidity();
 
 private:
-    bool readBody(unsigned long offset, void* buffer, unsigned long size);
-    bool fail(const char* format, ...) __attribute__((format(printf, 2, 3)));
-    void dropCache();
-    unsigned char* dataToWrite(bool& ownsData, bool& ok);
-    bool writeValue(unsigned long maxLength);
+    PM_HIDDEN bool readBody(unsigned long offset, void* buffer, unsigned long size);
+    PM_HIDDEN bool fail(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    PM_HIDDEN void dropCache();
+    PM_HIDDEN unsigned char* dataToWrite(bool& ownsData, bool& ok);
+    PM_HIDDEN bool writeValue(unsigned long maxLength);
 
     int32_t id;
     uint32_t newSize;

@@ -137,16 +137,16 @@ public:
     CAdjustDataManager& operator=(const CAdjustDataManager&) = delete;
 
 private:
-    CAdjustDataManager();
-    ~CAdjustDataManager();
+    PM_HIDDEN CAdjustDataManager();
+    PM_HIDDEN ~CAdjustDataManager();
 
-    bool startOnImageInMemory();
-    bool start();
-    void dropItemsAndStores();
-    bool restartFromNand();
-    bool readyForItems();
-    bool arrangementIsSafe();
-    bool syncOrRestart();
+    PM_HIDDEN bool startOnImageInMemory();
+    PM_HIDDEN bool start();
+    PM_HIDDEN void dropItemsAndStores();
+    PM_HIDDEN bool restartFromNand();
+    PM_HIDDEN bool readyForItems();
+    PM_HIDDEN bool arrangementIsSafe();
+    PM_HIDDEN bool syncOrRestart();
 
     std::vector<CAdjustData*> items;       ///< owned; header-record order, added items last
     std::vector<CAdjustData*> sortedItems; ///< not owning; items sorted by id, built on lookup

@@ -79,7 +79,7 @@ protected:
 private:
     /// Second phase of Insert and Remove: the backing file rebuilt from the two
     /// temporaries (device paths). Result codes as Insert.
-    int rebuildFrom(const char* frontPath, const char* backPath);
+    PM_HIDDEN int rebuildFrom(const char* frontPath, const char* backPath);
 
     char m_path[256];
     uint32_t m_itemNum;

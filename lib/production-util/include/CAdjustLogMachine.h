@@ -76,9 +76,9 @@ public:
     long getFileSize(const char* path);
 
 private:
-    CAdjustLogMachine();
+    PM_HIDDEN CAdjustLogMachine();
 
-    bool writeItemRecord(unsigned long index, const char* tag, CAdjustData* item);
+    PM_HIDDEN bool writeItemRecord(unsigned long index, const char* tag, CAdjustData* item);
 
     int32_t nLineCount;     // lines counted when the file was last read, plus lines written since
     uint32_t nLastIndex;    // index of the newest record

@@ -114,9 +114,9 @@ protected:
 
 private:
     /// Bytes of group 3's image from the area's start to the image's end.
-    unsigned long roomInImage() const;
+    PM_HIDDEN unsigned long roomInImage() const;
     /// The new length and the area back through the preference store's setters.
-    int storeArea(int result);
+    PM_HIDDEN int storeArea(int result);
 
     int32_t m_size;
     uint32_t m_dataOffset;

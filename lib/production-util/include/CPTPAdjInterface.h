@@ -57,7 +57,7 @@ public:
     CPTPAdjInterface& operator=(const CPTPAdjInterface&) = delete;
 
 private:
-    CPTPAdjInterface();
+    PM_HIDDEN CPTPAdjInterface();
 
     unsigned char* pData;      ///< owned copy of the pending block; null when none
     int32_t nDataSize;         ///< bytes in pData

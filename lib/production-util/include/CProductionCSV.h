@@ -88,9 +88,9 @@ public:
 private:
     /// The end of the open file from the start of its last line (or more), so the
     /// last index is found without reading a long table whole.
-    bool readTail(std::string& tail);
+    PM_HIDDEN bool readTail(std::string& tail);
     /// The index after the open file's last line, not limited to 32 bits.
-    int64_t nextLineIndex();
+    PM_HIDDEN int64_t nextLineIndex();
 
     int64_t nLineIndex;      ///< index of the next data line; past INT32_MAX when none is left
     std::string strPTPData;  ///< the table collected in host-link mode

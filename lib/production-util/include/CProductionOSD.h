@@ -32,5 +32,5 @@ public:
     CProductionOSD& operator=(const CProductionOSD&) = delete;
 
 private:
-    CProductionOSD();
+    PM_HIDDEN CProductionOSD();
 };
