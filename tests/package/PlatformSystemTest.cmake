@@ -1,6 +1,7 @@
 # ctest: builds the library with PM_PLATFORM=system against a stand-in for the
 # device's platform (platform-standin/, installed into a prefix) and requires
-# libproduction-mode.so to need the device's four libraries and not platform-sim;
+# libproduction-mode.so to need the device's four libraries and not platform-sim,
+# and to keep its internals hidden;
 # then installs that build and configures the example plug-in against it.
 #   cmake -DSOURCE_DIR=... -DWORK_DIR=... -DCXX=... -P PlatformSystemTest.cmake
 include(${CMAKE_CURRENT_LIST_DIR}/PackageTestSteps.cmake)
@@ -21,6 +22,11 @@ foreach(name IN LISTS PM_SYSTEM_PLATFORM_PACKAGES)
 endforeach()
 if(needed MATCHES "platform-sim")
   message(FATAL_ERROR "libproduction-mode.so still needs the simulated platform:\n${needed}")
+endif()
+# Internals stay hidden: the camera's kernel services, the line-data and country helpers.
+pm_run(nm -D --defined-only ${library} OUTPUT exported)
+if(exported MATCHES "kernel_|countryDataWordOf|_ZN2pm4line")
+  message(FATAL_ERROR "libproduction-mode.so exports internal functions:\n${exported}")
 endif()
 if(EXISTS ${WORK_DIR}/build/platform OR EXISTS ${WORK_DIR}/build/tools)
   message(FATAL_ERROR "the simulation or the tools were configured in a build for the device's platform")
