@@ -4,9 +4,7 @@
 //   sound volume N    sets the speaker volume (0 to 15) and records the adjust result
 // The command table of the library routes "sound" to group "DD"; the worker whose
 // name is "DD" serves it. The plug-in registers its worker when it is loaded.
-#include "CWorkerFactory.h"
-#include "IPModeWorker.h"
-#include "_tPM_Command.h"
+#include "ProductionMode.h" // the library's whole public API: worker contract, registry, services
 
 #include <cstdio>
 #include <cstdlib>
