@@ -1,6 +1,5 @@
 // The adjust write log: time stamp, cut text, directory creation, enable switch, unopenable file.
 #include "AdjWriteLog.h"
-#include "AdjWriteLogClock.h"
 #include "TestRoot.h"
 #include "kernel_sim.h"
 

@@ -1,6 +1,5 @@
 // The adjust data manager: restarts, access, country table, line values, resets, mounts, dump/load, threads.
 #include "AdjustStoreImage.h"
-#include "LineData.h"
 #include "PMReport.h"
 
 #include <atomic>

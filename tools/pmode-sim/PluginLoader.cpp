@@ -5,6 +5,17 @@
 #include <algorithm>
 #include <filesystem>
 
+std::string DefaultPluginDirectory()
+{
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path besideProgram = program.parent_path() / "plugins";
+    const std::filesystem::path installed = (program.parent_path() / PMODE_SIM_INSTALLED_PLUGINS).lexically_normal();
+    if (!std::filesystem::is_directory(besideProgram, error) && std::filesystem::is_directory(installed, error))
+        return installed.string();
+    return besideProgram.string();
+}
+
 PluginLoad LoadPlugins(const std::string& directory)
 {
     PluginLoad result;

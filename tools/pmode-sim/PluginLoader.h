@@ -13,3 +13,9 @@ struct PluginLoad {
 };
 
 PluginLoad LoadPlugins(const std::string& directory);
+
+/// The demo plug-ins that belong to this pmode-sim, found from its own executable
+/// (/proc/self/exe): "plugins" beside it in the build tree, the installed plug-in
+/// directory ("<prefix>/lib/production-mode/plugins") once installed. The path
+/// beside the executable when neither exists, so the message names it.
+std::string DefaultPluginDirectory();

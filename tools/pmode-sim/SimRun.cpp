@@ -56,7 +56,7 @@ void onSignal(int)
 struct Options {
     std::string root;
     std::string card;
-    std::string plugins = PMODE_SIM_PLUGIN_DIR;
+    std::string plugins = DefaultPluginDirectory();
     std::string json;
     bool hostLink = false;
     long step = -1;

@@ -8,7 +8,7 @@
 //  --root DIR        device root (PMODE_ROOT); default: a new directory /tmp/pmode-sim.XXXXXX;
 //                    a root that resolves to the host's "/" is refused
 //  --card DIR        copies the files of DIR onto the card (<root>/mnt/mmc/)
-//  --plugins DIR     worker plug-ins to load (default: the build's plug-in directory)
+//  --plugins DIR     worker plug-ins to load (default: the demo plug-ins beside the program, or installed with it)
 //  --host-link       makes the card a host-link card: writes "info.tgw", removes
 //                    "info.tg" and "default.adj"
 //  --step N          stores N (0 to 2147483647) as the resume step (line value 135) before the run

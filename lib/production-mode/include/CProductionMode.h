@@ -41,6 +41,8 @@
 //    still open; the destructor asks a script run to stop, joins the thread and
 //    only then frees the owned objects.
 
+#include "ProductionModeExport.h"
+
 #include "FThread.h"
 
 #include <atomic>
@@ -58,7 +60,7 @@ enum {
     OP_TYPE_PTP = 2,    ///< the factory PC drives the run over the host link
 };
 
-class CProductionMode : public FThread {
+class PM_EXPORT CProductionMode : public FThread {
 public:
     /// The process-wide instance, built on the first call. Any thread.
     static CProductionMode* GetInstance();
@@ -118,19 +120,19 @@ protected:
     void t_Main() override;
 
 private:
-    CProductionMode();
+    PM_HIDDEN CProductionMode();
 
-    int runScriptMode();
-    int runHostMode();
-    void gotoResumeLabel();
-    void serveHostScriptLine(_tPM_Command& command);
-    void runHostCommand(_tPM_Command& command);
-    bool recordHostCommand(_tPM_Command& command);
-    bool serveProtocolMessage(const _tPM_Command& current);
-    void requestStop();
-    static bool isStopRequested();
-    static void closeHostLinkAtExit();
-    void releaseOwnedObjects();
+    PM_HIDDEN int runScriptMode();
+    PM_HIDDEN int runHostMode();
+    PM_HIDDEN void gotoResumeLabel();
+    PM_HIDDEN void serveHostScriptLine(_tPM_Command& command);
+    PM_HIDDEN void runHostCommand(_tPM_Command& command);
+    PM_HIDDEN bool recordHostCommand(_tPM_Command& command);
+    PM_HIDDEN bool serveProtocolMessage(const _tPM_Command& current);
+    PM_HIDDEN void requestStop();
+    PM_HIDDEN static bool isStopRequested();
+    PM_HIDDEN static void closeHostLinkAtExit();
+    PM_HIDDEN void releaseOwnedObjects();
 
     // Written by the controller thread only, read by any thread without a lock.
     std::atomic<int> nOperationType;

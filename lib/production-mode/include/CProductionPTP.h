@@ -33,6 +33,8 @@
 // already on its way when the subscription went, never touches a deleted channel:
 // the destructor waits for running callbacks to leave.
 
+#include "ProductionModeExport.h"
+
 #include "CProductionScript.h"
 #include "_tPM_Command.h"
 
@@ -50,7 +52,7 @@ enum {
     PTP_MSG_PROTOCOL = 2, ///< a protocol message is pending
 };
 
-class CProductionPTP {
+class PM_EXPORT CProductionPTP {
 public:
     /// Message type 0, not mounted, no buffer.
     CProductionPTP();
@@ -102,11 +104,11 @@ private:
     /// publishes the next one: the script text (null for a protocol message), the
     /// type and the request bit. False, with the text not taken, when the channel
     /// was stopped meanwhile.
-    bool deliver(uint32_t type, char* text, const char* who);
-    int32_t readProtocolKeys(int& operation, int& p1, int& p2, int& p3, int& p4);
+    PM_HIDDEN bool deliver(uint32_t type, char* text, const char* who);
+    PM_HIDDEN int32_t readProtocolKeys(int& operation, int& p1, int& p2, int& p3, int& p4);
     /// Releases the script text. Call with mHandOver held while a callback may run.
-    void releaseScriptText();
-    void releasePayload();
+    PM_HIDDEN void releaseScriptText();
+    PM_HIDDEN void releasePayload();
 
     CEventFlag* pEventFlag;              ///< owned; wakes the controller's thread
     char* pMessageBuffer;                ///< owned (malloc); script text; null when none; under mHandOver

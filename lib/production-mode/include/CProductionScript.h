@@ -12,6 +12,8 @@
 // The object has no lock: one thread at a time (the controller's thread while a
 // script runs). Parsing(const char*) touches no state and may be called anywhere.
 
+#include "ProductionModeExport.h"
+
 #include "_tPM_Command.h"
 
 #include <cstdint>
@@ -26,7 +28,7 @@ enum {
     LOGIC_GOTO = 5,  ///< "goto NAME COUNT"
 };
 
-class CProductionScript {
+class PM_EXPORT CProductionScript {
 public:
     CProductionScript();
     ~CProductionScript();
@@ -84,9 +86,9 @@ public:
     int findLabel(const char* label);
 
 private:
-    bool isCommandLine(int line);
+    PM_HIDDEN bool isCommandLine(int line);
     /// Where a line starts in the text ("" for a line out of range or no text).
-    const char* lineText(int line) const;
+    PM_HIDDEN const char* lineText(int line) const;
     /// Spots a repeated state among the jumps of one Read (Brent's cycle search:
     /// the state saved at power-of-two steps is compared with every later one).
     struct LoopWatch {
@@ -95,11 +97,11 @@ private:
         uint64_t steps = 0;
         uint64_t limit = 1;
         /// True when (line, count) equals the saved state.
-        bool Repeats(int line, int count);
+        PM_HIDDEN bool Repeats(int line, int count);
     };
     /// GotoLabel for the goto just parsed; false also when it closes an endless
     /// loop that holds no command.
-    bool carryOutGoto(LoopWatch& watch);
+    PM_HIDDEN bool carryOutGoto(LoopWatch& watch);
     int lineCount() const { return static_cast<int>(vecLineOffset.size()); }
 
     int nCurLine;

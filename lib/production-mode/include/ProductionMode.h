@@ -11,7 +11,8 @@
 #include "CWorkerFactory.h"
 #include "IPModeWorker.h"
 
-// Host link, display, results and logs
+// Host link, display, results and logs; error log, traces and failed checks
+#include "PMReport.h"
 #include "AdjWriteLog.h"
 #include "CAdjustLogMachine.h"
 #include "CPTPAdjInterface.h"

@@ -1,13 +1,15 @@
 #pragma once
 // One command, as a production script line or a host message gives it to a worker.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 
 constexpr int PM_WORD_SIZE = 50;  ///< word buffers: at most 49 characters and the NUL
 constexpr int PM_PARAM_MAX = 10;  ///< parameters of a command
 constexpr int PM_LINE_SIZE = 510; ///< line buffers: at most 509 bytes of a line and the NUL
 
-struct _tPM_Command {
+struct PM_EXPORT _tPM_Command {
     char szWorker[PM_WORD_SIZE];               ///< worker or command name
     char szParam[PM_PARAM_MAX][PM_WORD_SIZE];  ///< parameters; entry 0 is the sub-command
     int nParamCount;                           ///< parameters found (1 to 10); -1: none, an empty command

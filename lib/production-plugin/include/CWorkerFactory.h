@@ -9,11 +9,13 @@
 // registry's lock, and worker code (Initialize, Finalize, destructors) is called
 // on a copy of the list, outside the lock, so a worker may (un)register from it.
 
+#include "ProductionModeExport.h"
+
 #include <vector>
 
 class IPModeWorker;
 
-class CWorkerFactory {
+class PM_EXPORT CWorkerFactory {
 public:
     /// The registry, built on the first call. Any thread.
     static CWorkerFactory* GetInstance();
@@ -41,8 +43,8 @@ public:
     CWorkerFactory& operator=(const CWorkerFactory&) = delete;
 
 private:
-    CWorkerFactory();
-    std::vector<IPModeWorker*> snapshot();
+    PM_HIDDEN CWorkerFactory();
+    PM_HIDDEN std::vector<IPModeWorker*> snapshot();
 
     std::vector<IPModeWorker*> vecWorker; ///< registered workers, in order of registration
 };

@@ -7,6 +7,8 @@
 // 28 to 31 are the stop bits (set by Finalize, cleared by Initialize) and bits 0
 // to 27 are the worker's own signals.
 
+#include "ProductionModeExport.h"
+
 #include "_tPM_Command.h"
 
 class CEventFlag;
@@ -19,7 +21,7 @@ enum EPMResult : int {
     PM_RESULT_NONE = 255, ///< no result yet
 };
 
-class IPModeWorker {
+class PM_EXPORT IPModeWorker {
 public:
     /// Name null, result PM_RESULT_NONE, event flag created with the stop bits set.
     IPModeWorker();

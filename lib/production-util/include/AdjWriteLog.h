@@ -11,9 +11,18 @@
 // drops the entry silently, a file that cannot be opened is reported with
 // perror("write_log: ").
 
+#include "ProductionModeExport.h"
+
+#include <ctime>
+
 /// Appends one entry (printf-style) when the log is enabled. Any thread, callers serialise.
-void adj_write_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+PM_EXPORT void adj_write_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// Switches the log on. Any thread.
-void adj_enable_write_log();
+PM_EXPORT void adj_enable_write_log();
 /// Switches the log off: entries are dropped, no file is touched. Any thread.
-void adj_disable_write_log();
+PM_EXPORT void adj_disable_write_log();
+
+/// The clock of the time stamps; tests set a fixed one, nullptr restores time().
+using AdjWriteLogClock = time_t (*)(time_t*);
+/// Replaces the clock of adj_write_log. Set before the log is used concurrently.
+PM_EXPORT void adj_write_log_set_clock(AdjWriteLogClock clock);

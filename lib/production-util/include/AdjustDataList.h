@@ -4,6 +4,8 @@
 // storage, the order and sizes of a freshly built store, and the data of a new or
 // reset item. The tables are constant data; any thread may read them.
 
+#include "ProductionModeExport.h"
+
 #include "AdjustDataTypes.h"
 
 /// Identifiers of the adjust items. Identifiers 134 to 143 are line data (LineDataList.h).
@@ -146,9 +148,9 @@ enum _AdjustDataID {
 
 /// One row per identifier, in identifier order (row i has id i). The sizes total
 /// 3,606,101 bytes; the file of every row is "adj_body.dat".
-extern const _TDATAINFO ADJUST_DATA_LIST[ADJUST_DATA_ID_MAX];
+PM_EXPORT extern const _TDATAINFO ADJUST_DATA_LIST[ADJUST_DATA_ID_MAX];
 
 /// The name of an identifier ("ADJUST_DATA_ID_MAX" for ADJUST_DATA_ID_MAX). An id outside
 /// 0..ADJUST_DATA_ID_MAX is a failed check and yields "ADJUST_DATA_ID_UNKNOWN", never a
 /// null or stray pointer. Any thread.
-const char* get_adjust_data_id_name(_AdjustDataID id);
+PM_EXPORT const char* get_adjust_data_id_name(_AdjustDataID id);

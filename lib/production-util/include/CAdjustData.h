@@ -38,13 +38,15 @@
 //    an immediate Set of length 0 writes nothing and answers true;
 //  - the destructor frees an owned cache still pending.
 
+#include "ProductionModeExport.h"
+
 #include "AdjustDataTypes.h"
 
 #include <cstdint>
 
 class CAdjustPreference;
 
-class CAdjustData {
+class PM_EXPORT CAdjustData {
 public:
     /// The item's record as stored, and the byte position of that record in the header area.
     struct _tAdjDataExtHeader : _TAdjDataHeader {
@@ -107,11 +109,11 @@ public:
     bool checkDataValidity();
 
 private:
-    bool readBody(unsigned long offset, void* buffer, unsigned long size);
-    bool fail(const char* format, ...) __attribute__((format(printf, 2, 3)));
-    void dropCache();
-    unsigned char* dataToWrite(bool& ownsData, bool& ok);
-    bool writeValue(unsigned long maxLength);
+    PM_HIDDEN bool readBody(unsigned long offset, void* buffer, unsigned long size);
+    PM_HIDDEN bool fail(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    PM_HIDDEN void dropCache();
+    PM_HIDDEN unsigned char* dataToWrite(bool& ownsData, bool& ok);
+    PM_HIDDEN bool writeValue(unsigned long maxLength);
 
     int32_t id;
     uint32_t newSize;

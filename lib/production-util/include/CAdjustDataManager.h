@@ -52,6 +52,8 @@
 // LoadDataFromFile comes back the same way: a loaded file that cannot be started leaves
 // the camera's own data in place.
 
+#include "ProductionModeExport.h"
+
 #include <vector>
 
 #include "fx_os.h"
@@ -59,7 +61,7 @@
 class CAdjustData;
 class CAdjustPreference;
 
-class CAdjustDataManager {
+class PM_EXPORT CAdjustDataManager {
 public:
     /// Whether the block stores prepare the snapshot-boot image when they change.
     enum E_OP_MODE {
@@ -135,16 +137,16 @@ public:
     CAdjustDataManager& operator=(const CAdjustDataManager&) = delete;
 
 private:
-    CAdjustDataManager();
-    ~CAdjustDataManager();
+    PM_HIDDEN CAdjustDataManager();
+    PM_HIDDEN ~CAdjustDataManager();
 
-    bool startOnImageInMemory();
-    bool start();
-    void dropItemsAndStores();
-    bool restartFromNand();
-    bool readyForItems();
-    bool arrangementIsSafe();
-    bool syncOrRestart();
+    PM_HIDDEN bool startOnImageInMemory();
+    PM_HIDDEN bool start();
+    PM_HIDDEN void dropItemsAndStores();
+    PM_HIDDEN bool restartFromNand();
+    PM_HIDDEN bool readyForItems();
+    PM_HIDDEN bool arrangementIsSafe();
+    PM_HIDDEN bool syncOrRestart();
 
     std::vector<CAdjustData*> items;       ///< owned; header-record order, added items last
     std::vector<CAdjustData*> sortedItems; ///< not owning; items sorted by id, built on lookup

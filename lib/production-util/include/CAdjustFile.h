@@ -31,10 +31,12 @@
 //  - Mount refuses (false, empty path) a null name, a name longer than 240
 //    characters and the names of the two temporaries.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 #include <cstdio>
 
-class CAdjustFile {
+class PM_EXPORT CAdjustFile {
 public:
     /// Empty path, no items.
     CAdjustFile();
@@ -77,7 +79,7 @@ protected:
 private:
     /// Second phase of Insert and Remove: the backing file rebuilt from the two
     /// temporaries (device paths). Result codes as Insert.
-    int rebuildFrom(const char* frontPath, const char* backPath);
+    PM_HIDDEN int rebuildFrom(const char* frontPath, const char* backPath);
 
     char m_path[256];
     uint32_t m_itemNum;

@@ -25,11 +25,13 @@
 //  - remove1line keeps everything behind the first line feed byte for byte, NUL bytes
 //    included.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 
 class CAdjustData;
 
-class CAdjustLogMachine {
+class PM_EXPORT CAdjustLogMachine {
 public:
     /// The log file's device path, "/adj/AdjLog.txt" (mapped below PMODE_ROOT when set).
     static const char* FILE_NAME;
@@ -74,9 +76,9 @@ public:
     long getFileSize(const char* path);
 
 private:
-    CAdjustLogMachine();
+    PM_HIDDEN CAdjustLogMachine();
 
-    bool writeItemRecord(unsigned long index, const char* tag, CAdjustData* item);
+    PM_HIDDEN bool writeItemRecord(unsigned long index, const char* tag, CAdjustData* item);
 
     int32_t nLineCount;     // lines counted when the file was last read, plus lines written since
     uint32_t nLastIndex;    // index of the newest record

@@ -43,10 +43,12 @@
 //  - A second Mount of a mounted store is reported as a failed check and refused
 //    (false); the store keeps its first mount.
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 #include <cstdio>
 
-class CAdjustPreference {
+class PM_EXPORT CAdjustPreference {
 public:
     /// Unmounted: no area, length 0, snapshot making off, not modified.
     CAdjustPreference();
@@ -112,9 +114,9 @@ protected:
 
 private:
     /// Bytes of group 3's image from the area's start to the image's end.
-    unsigned long roomInImage() const;
+    PM_HIDDEN unsigned long roomInImage() const;
     /// The new length and the area back through the preference store's setters.
-    int storeArea(int result);
+    PM_HIDDEN int storeArea(int result);
 
     int32_t m_size;
     uint32_t m_dataOffset;

@@ -14,6 +14,8 @@
 // No lock: the setters, the getters and Dispatch run on the controller's thread
 // (or a worker's thread while the controller waits for it).
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 
 /// Transfer data types: what is pending.
@@ -24,7 +26,7 @@ enum {
     PTP_TRANSFER_FILE = 3,     ///< a file path
 };
 
-class CPTPAdjInterface {
+class PM_EXPORT CPTPAdjInterface {
 public:
     /// The interface, built on the first call. Any thread.
     static CPTPAdjInterface* GetInstance();
@@ -55,7 +57,7 @@ public:
     CPTPAdjInterface& operator=(const CPTPAdjInterface&) = delete;
 
 private:
-    CPTPAdjInterface();
+    PM_HIDDEN CPTPAdjInterface();
 
     unsigned char* pData;      ///< owned copy of the pending block; null when none
     int32_t nDataSize;         ///< bytes in pData

@@ -47,6 +47,8 @@
 //  - An unreadable CIS serial number (adjust data not initialised) is a failed
 //    check: the data line is not written and gets 18 (its index is used up).
 
+#include "ProductionModeExport.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -58,7 +60,7 @@ enum {
     PM_CSV_LENGTH_ERROR = 19, ///< Write: the estimated text length is not 1 to 4095
 };
 
-class CProductionCSV {
+class PM_EXPORT CProductionCSV {
 public:
     CProductionCSV();
     /// Closes a file left open and releases the strings.
@@ -86,9 +88,9 @@ public:
 private:
     /// The end of the open file from the start of its last line (or more), so the
     /// last index is found without reading a long table whole.
-    bool readTail(std::string& tail);
+    PM_HIDDEN bool readTail(std::string& tail);
     /// The index after the open file's last line, not limited to 32 bits.
-    int64_t nextLineIndex();
+    PM_HIDDEN int64_t nextLineIndex();
 
     int64_t nLineIndex;      ///< index of the next data line; past INT32_MAX when none is left
     std::string strPTPData;  ///< the table collected in host-link mode

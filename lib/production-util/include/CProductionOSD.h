@@ -4,7 +4,9 @@
 // it. The interface is kept whole because the controller and the adjust data
 // call it at fixed points. Any thread.
 
-class CProductionOSD {
+#include "ProductionModeExport.h"
+
+class PM_EXPORT CProductionOSD {
 public:
     /// The display, built on the first call.
     static CProductionOSD* GetInstance();
@@ -30,5 +32,5 @@ public:
     CProductionOSD& operator=(const CProductionOSD&) = delete;
 
 private:
-    CProductionOSD();
+    PM_HIDDEN CProductionOSD();
 };

@@ -1,5 +1,4 @@
 #include "AdjWriteLog.h"
-#include "AdjWriteLogClock.h"
 
 #include "kernel.h"
 

@@ -7,28 +7,33 @@
 //
 // A failed check does not end the process: it is reported and the operation
 // that made it stops there and returns its failure value (PM_CHECK).
+//
+// Part of the library's ABI, so that workers and host programs report the same
+// way and share one count of failed checks and one trace sink with the library.
+
+#include "ProductionModeExport.h"
 
 namespace pm {
 
 /// "\x1b[31m" + text (one trailing newline removed) + "\x1b[m\n" in a 256-byte
 /// buffer, to puts() and to __dlog_print(3, 6, "PMODE", ...). Any thread.
-void ErrorLog(const char* file, const char* func, int line, const char* fmt, ...)
+PM_EXPORT void ErrorLog(const char* file, const char* func, int line, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
 /// Composes a trace ("\x1b[m" or, when red, "\x1b[31m" + text + "\x1b[m\n") and
 /// hands it to the debug channel. Any thread.
-void Trace(bool red, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+PM_EXPORT void Trace(bool red, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 /// Prints "Assertion Failed! --- File %s Line %d\n" to standard output. Any thread.
-void AssertFailed(const char* file, int line);
+PM_EXPORT void AssertFailed(const char* file, int line);
 
 /// Number of failed checks reported by this process so far.
-unsigned long AssertionCount();
+PM_EXPORT unsigned long AssertionCount();
 
 /// Receives every composed trace while installed (nullptr removes it). Meant for
 /// tests and debugging; install before the threads that trace are started.
 using TraceSink = void (*)(const char* text);
-void SetTraceSink(TraceSink sink);
+PM_EXPORT void SetTraceSink(TraceSink sink);
 
 } // namespace pm
 
