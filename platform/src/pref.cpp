@@ -152,7 +152,7 @@ ssize_t readFully(int fd, unsigned char* data, size_t size)
 
 enum class ReadResult { Ok, Missing, Refused };
 
-constexpr size_t kReadChunk = 256 * 1024; // checked while it is still in the cache
+constexpr size_t kReadChunk = size_t{256} * 1024; // checked while it is still in the cache
 
 /// Reads and checks a framed file of group g into `image` (g.size bytes), which holds
 /// any bytes unless the answer is Ok. The image is read once, straight to its place,

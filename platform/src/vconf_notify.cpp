@@ -203,7 +203,7 @@ private:
             if (header.magic != kJournalMagic || header.keyLength > kMaxKeyLength
                 || header.valueLength > kMaxValueLength) {
                 std::fprintf(stderr, "vconf: journal %s is damaged at offset %llu; notifications resume at its end\n",
-                             m_journal.c_str(), static_cast<unsigned long long>(m_offset + pos));
+                             m_journal.c_str(), static_cast<unsigned long long>(m_offset) + pos);
                 pos = data.size();
                 break;
             }
