@@ -17,6 +17,18 @@ std::string numberText(double value)
     return text;
 }
 
+/// The message of a wrong command line; a word that names no command is named itself.
+std::string wrongWhat(const CLI::App& app, const CLI::ParseError& wrong)
+{
+    const std::vector<std::string> words = app.remaining();
+    if (dynamic_cast<const CLI::RequiredError*>(&wrong) == nullptr || !app.get_subcommands().empty() || words.empty())
+        return wrong.what();
+    std::string commands;
+    for (const CLI::App* command : app.get_subcommands({}))
+        commands += (commands.empty() ? "" : ", ") + command->get_name();
+    return "'" + words.front() + "' is not a command (" + commands + ")";
+}
+
 } // namespace
 
 void Describe(CLI::App& app, const std::string& exitStatuses)
@@ -39,8 +51,8 @@ int Parse(CLI::App& app, int argc, char** argv)
     } catch (const CLI::CallForVersion& version) {
         std::printf("%s\n", version.what());
     } catch (const CLI::ParseError& wrong) {
-        std::fprintf(stderr, "%s: %s\nrun '%s --help' for the commands and options\n", app.get_name().c_str(), wrong.what(),
-                     app.get_name().c_str());
+        std::fprintf(stderr, "%s: %s\nrun '%s --help' for the commands and options\n", app.get_name().c_str(),
+                     wrongWhat(app, wrong).c_str(), app.get_name().c_str());
         return kExitUsage;
     }
     return 0;
