@@ -41,7 +41,7 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
     EXPECT_EQ(0u, header.GetItemNum()) << "the first mount stays";
 
     EXPECT_TRUE(header.crcCheck()) << "a fresh group holds both markers, 0x11 and 0x26";
-    ASSERT_EQ(1, pref_set_bytes(kAdjustGroup, 5294097, "\x25", 1));
+    ASSERT_EQ(1, pref_set_bytes(kAdjustGroup, MARKER2_OFFSET, "\x25", 1));
     EXPECT_FALSE(header.crcCheck()) << "the second marker is checked too";
     const std::string original = RandomBytes(300, 3);
     SetBody(original);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "AdjustDataList.h"
+#include "AdjustGroupLayout.h"
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
 #include "CAdjustPreference.h"
@@ -24,12 +25,13 @@
 
 namespace adjtest {
 
-constexpr int kAdjustGroup = 3;
-constexpr unsigned long kHeaderLengthAt = 9;
-constexpr unsigned long kHeaderAt = 13;
-constexpr unsigned long kBodyLengthAt = 51213;
-constexpr unsigned long kBodyAt = 51217;
-constexpr unsigned long kRecordSize = 140;
+using namespace pm::adjust; // the layout of the group: the library's own constants
+constexpr int kAdjustGroup = PREF_ID_ADJUST;
+constexpr unsigned long kHeaderLengthAt = HEADER_SIZE_OFFSET;
+constexpr unsigned long kHeaderAt = HEADER_DATA_OFFSET;
+constexpr unsigned long kBodyLengthAt = BODY_SIZE_OFFSET;
+constexpr unsigned long kBodyAt = BODY_DATA_OFFSET;
+constexpr unsigned long kRecordSize = ADJ_HEADER_RECORD_SIZE;
 constexpr long kFreshBodyBytes = 3606101;
 
 using Bytes = std::vector<uint8_t>;

@@ -377,20 +377,17 @@ int verify(const RawImage& image)
     auto report = [&problems](const std::string& text) { problems.push_back(text); };
     char text[256];
 
-    if (image.group[MARKER1_OFFSET] != MARKER1) {
-        std::snprintf(text, sizeof(text), "marker byte at 8 is 0x%02x, expected 0x11", image.group[MARKER1_OFFSET]);
-        report(text);
-    }
-    if (image.group[MARKER2_OFFSET] != MARKER2) {
-        std::snprintf(text, sizeof(text), "marker byte at 5294097 is 0x%02x, expected 0x26", image.group[MARKER2_OFFSET]);
+    for (const auto& [offset, marker] : {std::pair{MARKER1_OFFSET, MARKER1}, std::pair{MARKER2_OFFSET, MARKER2}}) {
+        if (image.group[offset] == marker) continue;
+        std::snprintf(text, sizeof(text), "marker byte at %lu is 0x%02x, expected 0x%02x", offset, image.group[offset], marker);
         report(text);
     }
     if (image.headerLength < 0 || image.headerLength > HEADER_CAPACITY)
-        report("header area length " + std::to_string(image.headerLength) + " is outside 0..51200");
+        report("header area length " + std::to_string(image.headerLength) + " is outside 0.." + std::to_string(HEADER_CAPACITY));
     else if (image.headerLength % RECORD_SIZE != 0)
-        report("header area length " + std::to_string(image.headerLength) + " is not a whole number of 140-byte records");
+        report("header area length " + std::to_string(image.headerLength) + " is not a whole number of " + std::to_string(RECORD_SIZE) + "-byte records");
     if (image.bodyLength < 0 || image.bodyLength > BODY_CAPACITY)
-        report("body area length " + std::to_string(image.bodyLength) + " is outside 0..5242880");
+        report("body area length " + std::to_string(image.bodyLength) + " is outside 0.." + std::to_string(BODY_CAPACITY));
 
     std::map<std::string, size_t> seen;
     uint64_t expectedOffset = 0;
