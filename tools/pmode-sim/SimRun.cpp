@@ -286,10 +286,8 @@ int serveHostLink(CProductionMode* controller, RunFacts& facts, const Options& o
     vconf_set_str(kSimStateKey, "stopped");
     controller->Finalize();
     // Serving until stopped is the whole job of a host-link camera: a stop is its end, not an interruption.
-    const size_t requests = RunLog::Get().Records().size();
-    facts.ending = (g_stop ? "stopped by " + std::string(g_signal == SIGTERM ? "SIGTERM" : "SIGINT")
-                           : "served " + secondsText(options.serveSeconds) + " s") +
-                   " after " + std::to_string(requests) + " request" + (requests == 1 ? "" : "s");
+    facts.ending = g_stop ? "stopped by " + std::string(g_signal == SIGTERM ? "SIGTERM" : "SIGINT")
+                          : "served " + secondsText(options.serveSeconds) + " s, then stopped";
     return RunLog::Get().Failed() > 0 ? kExitFailed : kExitPassed;
 }
 

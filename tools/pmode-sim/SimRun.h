@@ -35,7 +35,7 @@
 // A stop (SIGINT, SIGTERM, or the end of --serve-seconds) after the host channel
 // came up is the end of its job: the run passes when no request failed and no
 // failed check was reported, and the summary says how it ended ("stopped by
-// SIGINT after 18 requests", "served 60 s after 0 requests"). A stop before the
+// SIGINT", "served 60 s, then stopped"). A stop before the
 // channel came up is an interruption (exit 4). In script mode a signal or the
 // time-out interrupts the run (exit 4). Either way the elapsed time reported is
 // the real one.

@@ -33,6 +33,7 @@ std::string wrongWhat(const CLI::App& app, const CLI::ParseError& wrong)
 
 void Describe(CLI::App& app, const std::string& exitStatuses)
 {
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast); // a later --root DIR wins
     app.set_help_flag();
     // Sub-commands made later take this flag over: there it shows their own part.
     app.set_help_all_flag("-h,--help", "print this help (commands, options, exit statuses) and exit 0");

@@ -16,7 +16,8 @@ constexpr int kExitUsage = 2;
 
 /// Sets up app for the tool: "-h,--help" (the whole tree of sub-commands and
 /// options; a sub-command's own "--help" shows its part), "--version", and the
-/// exit statuses as the footer of every help text.
+/// exit statuses as the footer of every help text. An option given twice takes
+/// its last value.
 void Describe(CLI::App& app, const std::string& exitStatuses);
 
 /// Parses the command line. -1 when the tool goes on; otherwise the exit status
