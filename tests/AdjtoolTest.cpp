@@ -53,9 +53,9 @@ TEST_F(AdjtoolTest, VerifyNamesEachProblemOfAStore)
     WriteStore(items);
     const uint32_t shifted = 1000;
     const uint8_t broken = 0x10;
-    pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * 10 + 128, &shifted, 4);
-    pref_set_bytes(kAdjustGroup, 8, &broken, 1);
-    pref_save(kAdjustGroup);
+    pref_set_bytes(PREF_ID_ADJUST, HEADER_DATA_OFFSET + ADJ_HEADER_RECORD_SIZE * 10 + 128, &shifted, 4);
+    pref_set_bytes(PREF_ID_ADJUST, 8, &broken, 1);
+    pref_save(PREF_ID_ADJUST);
     ExpectRuns({{"adjtool verify", 1, {"record 3 (ADJUST_RETIRED): not in the catalogue", "record 10 (", "offset 1000, expected",
                                        "catalogue item 59 (ADJUST_CIS_P_PIXEL_NUM) has no record", "(gap)",
                                        "marker byte at 8 is 0x10, expected 0x11"}}});
