@@ -1,6 +1,7 @@
 // Insert and Remove of one 140-byte record in front of a 2.4 MB tail: the cost of
 // growing or shrinking an adjust item near the start of the body area; and the save
 // of group 3 beside its floor, one atomic save of a file of the same size.
+#include "AdjustGroupLayout.h"
 #include "BenchSupport.h"
 #include "CAdjustFile.h"
 #include "CAdjustPreference.h"
@@ -17,8 +18,8 @@ namespace {
 
 using pmbench::Root;
 
-constexpr unsigned long kBodyData = 51217;
-constexpr unsigned long kBodyLength = 51213;
+constexpr unsigned long kBodyData = pm::adjust::BODY_DATA_OFFSET;
+constexpr unsigned long kBodyLength = pm::adjust::BODY_SIZE_OFFSET;
 constexpr unsigned long kTail = 2400 * 1024;
 constexpr unsigned long kRecord = 140;
 

@@ -30,9 +30,9 @@ TEST(AdjustArrangeTest, StoreOfAnotherVersionIsReLaidOnceKeepingEveryValueAlsoAf
     Restart();
     EXPECT_EQ("", StoreProblem(ExpectedValues(stored)));
     EXPECT_EQ("ADJUST_PROXIMITY_PROCESS_MARK", ReadRecords()[47].name) << "where the later record of the name was";
-    const int saves = pref_sim_save_count(kAdjustGroup);
+    const int saves = pref_sim_save_count(PREF_ID_ADJUST);
     Restart();
-    EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup)) << "a second start writes nothing";
+    EXPECT_EQ(saves, pref_sim_save_count(PREF_ID_ADJUST)) << "a second start writes nothing";
     EXPECT_EQ("", StoreProblem(ExpectedValues(stored)));
     EXPECT_THAT(root.ReadFile("/adj/AdjLog.txt"),
                 testing::ContainsRegex("#Add ADJUST_SHUTTER_PROCESS_MARK last Off:.*#Add ADJUST_ISOCAPTURE_GAIN_00.*"
@@ -48,13 +48,13 @@ TEST(AdjustArrangeTest, RowsThatCannotBePlacedAreReportedAndTheStoreIsLeftUntouc
     WriteStore({StoredItem{ADJUST_DATA_LIST[0].name, Bytes{0x5C}}});
     pref_sim_forget_images();
     const unsigned long assertions = pm::AssertionCount();
-    const int saves = pref_sim_save_count(kAdjustGroup);
+    const int saves = pref_sim_save_count(PREF_ID_ADJUST);
     manager->Initialize();
     EXPECT_LT(assertions, pm::AssertionCount()) << "the failed matching is reported";
     uint8_t checksum = 0;
     EXPECT_FALSE(manager->GetData(ADJUST_CHECKSUM1, &checksum, 1)) << "a half-matched store is not served";
     EXPECT_FALSE(manager->SetData(ADJUST_CHECKSUM1, &checksum, 1, true));
-    EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup)) << "nothing is re-laid";
+    EXPECT_EQ(saves, pref_sim_save_count(PREF_ID_ADJUST)) << "nothing is re-laid";
     EXPECT_EQ("5c", StoreHex());
 }
 

@@ -52,10 +52,10 @@ TEST_F(AdjustDataManagerTest, FreshStoreSurvivesARestartWritingNothingAndAResetW
     uint32_t serial = 0x12345678;
     ASSERT_TRUE(manager->SetData(ADJUST_CIS_SN, &serial, 4, true));
 
-    const int saves = pref_sim_save_count(kAdjustGroup);
+    const int saves = pref_sim_save_count(PREF_ID_ADJUST);
     const std::string changeLog = root.ReadFile("/adj/AdjLog.txt"), logged = writeLog();
     Restart();
-    EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup));
+    EXPECT_EQ(saves, pref_sim_save_count(PREF_ID_ADJUST));
     EXPECT_EQ(changeLog, root.ReadFile("/adj/AdjLog.txt"));
     EXPECT_EQ(logged, writeLog());
     EXPECT_THAT(changeLog, HasSubstr("#New ADJUST_GYRO_DSP_THERM\n"));
@@ -68,12 +68,12 @@ TEST_F(AdjustDataManagerTest, FreshStoreSurvivesARestartWritingNothingAndAResetW
     EXPECT_EQ("", StoreProblem(expected));
     for (int id = 0; id < ADJUST_DATA_ID_MAX; ++id) EXPECT_EQ(id, manager->find(id)->Infomation(CAdjustData::ADJ_INFO_ID));
     manager->Finalize(); // without items the whole group goes back to its defaults, on NAND too
-    const int resetSaves = pref_sim_save_count(kAdjustGroup);
+    const int resetSaves = pref_sim_save_count(PREF_ID_ADJUST);
     EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN));
-    EXPECT_EQ(resetSaves + 1, pref_sim_save_count(kAdjustGroup));
-    EXPECT_EQ(0, pref_get_long(kAdjustGroup, kHeaderLengthAt));
+    EXPECT_EQ(resetSaves + 1, pref_sim_save_count(PREF_ID_ADJUST));
+    EXPECT_EQ(0, pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET));
     EXPECT_TRUE(manager->ResetData(ADJUST_CIS_SN)) << "the second time only reports";
-    EXPECT_EQ(resetSaves + 1, pref_sim_save_count(kAdjustGroup));
+    EXPECT_EQ(resetSaves + 1, pref_sim_save_count(PREF_ID_ADJUST));
     Restart();
     EXPECT_EQ("", StoreProblem(ExpectedValues({})));
 }
@@ -177,10 +177,10 @@ TEST_F(AdjustDataManagerTest, AreasThatCannotBeMountedAreRebuiltAndACorruptMarke
         manager->Finalize();
         WriteStore(CatalogueWithPatterns());
         const uint8_t cleared = 0;
-        if (c.headerLength < 0) pref_set_bytes(kAdjustGroup, 8, &cleared, 1);
-        if (c.headerLength >= 0) pref_set_long(kAdjustGroup, kHeaderLengthAt, c.headerLength);
-        if (c.headerLength >= 0) pref_set_long(kAdjustGroup, kBodyLengthAt, c.bodyLength);
-        pref_save(kAdjustGroup);
+        if (c.headerLength < 0) pref_set_bytes(PREF_ID_ADJUST, 8, &cleared, 1);
+        if (c.headerLength >= 0) pref_set_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET, c.headerLength);
+        if (c.headerLength >= 0) pref_set_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET, c.bodyLength);
+        pref_save(PREF_ID_ADJUST);
         pref_sim_forget_images();
         const unsigned long assertions = pm::AssertionCount();
         manager->Initialize();
@@ -205,11 +205,11 @@ TEST_F(AdjustDataManagerTest, LoadGivesBackEveryDumpedValueAndSavesItAndRefusedF
     for (const std::string& content : {image.substr(0, image.size() - 100), flipped, std::string(), std::string("text\n")}) {
         SCOPED_TRACE("a file of " + std::to_string(content.size()) + " bytes");
         manager->Initialize();
-        const int saves = pref_sim_save_count(kAdjustGroup);
+        const int saves = pref_sim_save_count(PREF_ID_ADJUST);
         root.WriteFile(bad, content);
         EXPECT_FALSE(manager->LoadDataFromFile(bad.data()));
         EXPECT_EQ(nullptr, manager->find(ADJUST_CIS_SN)) << "the manager is finalised";
-        EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup));
+        EXPECT_EQ(saves, pref_sim_save_count(PREF_ID_ADJUST));
         manager->Initialize();
         EXPECT_EQ(current, AllItemBytes()) << "the image was left as it was";
     }

@@ -26,12 +26,12 @@ protected:
     CAdjustData* Item(unsigned long index, const _TDATAINFO* info, long offset = -1)
     {
         CAdjustData::_tAdjDataExtHeader record;
-        const bool stored = header.Read(kRecordSize * index, &record, kRecordSize);
-        record.position = static_cast<int32_t>(kRecordSize * index);
+        const bool stored = header.Read(ADJ_HEADER_RECORD_SIZE * index, &record, ADJ_HEADER_RECORD_SIZE);
+        record.position = static_cast<int32_t>(ADJ_HEADER_RECORD_SIZE * index);
         items.push_back(std::make_unique<CAdjustData>(&header, &body));
         *items.back() = record;
         if (info != nullptr) items.back()->Setup(static_cast<int>(info->id), *info);
-        if (!stored) *items.back() = _TArrangeInfo{static_cast<uint32_t>(offset < 0 ? pref_get_long(kAdjustGroup, kBodyLengthAt) : offset)};
+        if (!stored) *items.back() = _TArrangeInfo{static_cast<uint32_t>(offset < 0 ? pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET) : offset)};
         return items.back().get();
     }
     /// Four catalogue items laid out as a fresh store would: 1, 2, 4 and 16 bytes.
@@ -70,7 +70,7 @@ TEST_F(AdjustDataTest, NewItemsGetARecordAndTheirDefaultAndResetWritesItAgain)
     }
     EXPECT_EQ("11 0500 00000000 " + std::string(32, '0') + " 0403020100000000 efcdab", StoreHex());
     _TAdjDataHeader record;
-    ASSERT_TRUE(header.Read(4 * kRecordSize, &record, sizeof record));
+    ASSERT_TRUE(header.Read(4 * ADJ_HEADER_RECORD_SIZE, &record, sizeof record));
     EXPECT_EQ("ADJUST_CIS_CHIP_VERSION adj_body.dat 16909060", std::string(record.name) + " " + record.file + " " + std::to_string(record.value));
 
     SetBody(std::string(34, '\x5A'));

@@ -30,18 +30,18 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
 {
     for (auto [length, records] : {std::pair{280L, 2UL}, {279L, 1UL}, {0L, 0UL}, {-140L, 0UL}}) {
         CAdjustPreference store;
-        EXPECT_EQ(length > 0, store.Mount(kBodyAt, kBodyLengthAt, length)) << length;
+        EXPECT_EQ(length > 0, store.Mount(BODY_DATA_OFFSET, BODY_SIZE_OFFSET, length)) << length;
         EXPECT_EQ(records, store.GetItemNum()) << length;
         char byte = 0;
         EXPECT_EQ(length >= 0, store.Read(0, &byte, 0)) << length;
     }
     const unsigned long before = pm::AssertionCount();
-    Printed([&] { EXPECT_FALSE(header.Mount(kBodyAt, kBodyLengthAt, 1000)) << "a store is mounted once"; });
+    Printed([&] { EXPECT_FALSE(header.Mount(BODY_DATA_OFFSET, BODY_SIZE_OFFSET, 1000)) << "a store is mounted once"; });
     EXPECT_EQ(before + 1, pm::AssertionCount());
     EXPECT_EQ(0u, header.GetItemNum()) << "the first mount stays";
 
     EXPECT_TRUE(header.crcCheck()) << "a fresh group holds both markers, 0x11 and 0x26";
-    ASSERT_EQ(1, pref_set_bytes(kAdjustGroup, 5294097, "\x25", 1));
+    ASSERT_EQ(1, pref_set_bytes(PREF_ID_ADJUST, MARKER2_OFFSET, "\x25", 1));
     EXPECT_FALSE(header.crcCheck()) << "the second marker is checked too";
     const std::string original = RandomBytes(300, 3);
     SetBody(original);
@@ -82,13 +82,13 @@ TEST_F(AdjustPreferenceTest, MarkersAndTheRecordCountAreReadAndAccessesStayInsid
               traces);
 
     // A corrupt length word: the image's end still bounds every access.
-    ASSERT_TRUE(body.Mount(kBodyAt, kBodyLengthAt, 0x7FFFFFFF));
+    ASSERT_TRUE(body.Mount(BODY_DATA_OFFSET, BODY_SIZE_OFFSET, 0x7FFFFFFF));
     EXPECT_FALSE(body.Read(5300000, buffer, 64)) << "inside the length, outside the image";
     EXPECT_FALSE(body.Write(5300000, buffer, 64));
     EXPECT_LT(body.Insert(0x7FFFFFFE, 16), 0);
     EXPECT_LT(body.Remove(5300000, 16), 0);
     body.Umount();
-    ASSERT_TRUE(body.Mount(kBodyAt, kBodyLengthAt, 5294098 - kBodyAt + 8)); // the tail ends 8 bytes past the image
+    ASSERT_TRUE(body.Mount(BODY_DATA_OFFSET, BODY_SIZE_OFFSET, 5294098 - BODY_DATA_OFFSET + 8)); // the tail ends 8 bytes past the image
     EXPECT_EQ(-1, body.Remove(0, 16)) << "refused before any byte moves";
 }
 

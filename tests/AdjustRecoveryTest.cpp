@@ -37,7 +37,7 @@ protected:
     std::string nandImage() const
     {
         char path[256];
-        pref_sim_nand_path(kAdjustGroup, path, sizeof path);
+        pref_sim_nand_path(PREF_ID_ADJUST, path, sizeof path);
         return root.ReadFile(path);
     }
 
@@ -46,8 +46,8 @@ protected:
     {
         manager->Finalize();
         WriteStore(items);
-        if (bodyCut != 0) pref_set_long(kAdjustGroup, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt) - bodyCut);
-        if (bodyCut != 0) pref_save(kAdjustGroup);
+        if (bodyCut != 0) pref_set_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET, pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET) - bodyCut);
+        if (bodyCut != 0) pref_save(PREF_ID_ADJUST);
         pref_sim_forget_images();
     }
 
@@ -111,12 +111,12 @@ TEST_F(AdjustRecoveryTest, FreshStoreThatCannotBeSavedIsNotServedUntilItIs)
 TEST_F(AdjustRecoveryTest, RecordPastTheBodyLosesOnlyItsOwnValueAndADumpOfItCarriesTheRest)
 {
     PutOnNand(CatalogueWithPatterns(), 2); // only the last item is incomplete
-    const int saves = pref_sim_save_count(kAdjustGroup);
+    const int saves = pref_sim_save_count(PREF_ID_ADJUST);
     manager->Initialize();
     Bytes last(ADJUST_DATA_LIST[ADJUST_GYRO_DSP_THERM].size);
     EXPECT_FALSE(manager->GetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size()));
     EXPECT_FALSE(manager->SetData(ADJUST_GYRO_DSP_THERM, last.data(), last.size(), true));
-    EXPECT_EQ(saves, pref_sim_save_count(kAdjustGroup)) << "sizes match the catalogue, a failed write: nothing saved";
+    EXPECT_EQ(saves, pref_sim_save_count(PREF_ID_ADJUST)) << "sizes match the catalogue, a failed write: nothing saved";
     std::string dump = "/mnt/mmc/short.dump";
     ASSERT_TRUE(manager->DumpData2File(dump.data()));
     PutOnNand({}); // a camera with values of its own
@@ -136,7 +136,7 @@ TEST_F(AdjustRecoveryTest, LayoutThatCannotBeReArrangedIsLeftOnNandAndALoadOfItK
         SCOPED_TRACE(stored.size());
         PutOnNand(stored, stored.size() != overflowing.size() ? 2 : 0);
         std::string broken = "/mnt/mmc/broken.dump";
-        ASSERT_EQ(0, pref_save_to_file(kAdjustGroup, broken.c_str()));
+        ASSERT_EQ(0, pref_save_to_file(PREF_ID_ADJUST, broken.c_str()));
         const std::string nand = nandImage();
         const unsigned long assertions = pm::AssertionCount();
         manager->Initialize();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "AdjustDataList.h"
+#include "AdjustGroupLayout.h"
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
 #include "CAdjustPreference.h"
@@ -24,12 +25,7 @@
 
 namespace adjtest {
 
-constexpr int kAdjustGroup = 3;
-constexpr unsigned long kHeaderLengthAt = 9;
-constexpr unsigned long kHeaderAt = 13;
-constexpr unsigned long kBodyLengthAt = 51213;
-constexpr unsigned long kBodyAt = 51217;
-constexpr unsigned long kRecordSize = 140;
+using namespace pm::adjust; // the layout of the group: the library's own constants
 constexpr long kFreshBodyBytes = 3606101;
 
 using Bytes = std::vector<uint8_t>;
@@ -71,7 +67,7 @@ inline std::vector<StoredItem> CatalogueWithPatterns()
 /// Lays the items out as a store would (records in order, bytes back to back) and saves it.
 inline void WriteStore(const std::vector<StoredItem>& items)
 {
-    pref_reset(kAdjustGroup);
+    pref_reset(PREF_ID_ADJUST);
     uint32_t offset = 0;
     for (size_t i = 0; i < items.size(); ++i) {
         _TAdjDataHeader record;
@@ -79,27 +75,27 @@ inline void WriteStore(const std::vector<StoredItem>& items)
         std::snprintf(record.file, sizeof record.file, "adj_body.dat");
         record.offset = offset;
         record.size = static_cast<uint32_t>(items[i].bytes.size());
-        pref_set_bytes(kAdjustGroup, kHeaderAt + kRecordSize * i, &record, kRecordSize);
-        if (record.size > 0) pref_set_bytes(kAdjustGroup, kBodyAt + offset, items[i].bytes.data(), record.size);
+        pref_set_bytes(PREF_ID_ADJUST, HEADER_DATA_OFFSET + ADJ_HEADER_RECORD_SIZE * i, &record, ADJ_HEADER_RECORD_SIZE);
+        if (record.size > 0) pref_set_bytes(PREF_ID_ADJUST, BODY_DATA_OFFSET + offset, items[i].bytes.data(), record.size);
         offset += record.size;
     }
-    pref_set_long(kAdjustGroup, kHeaderLengthAt, static_cast<long>(kRecordSize * items.size()));
-    pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(offset));
-    pref_save(kAdjustGroup);
+    pref_set_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET, static_cast<long>(ADJ_HEADER_RECORD_SIZE * items.size()));
+    pref_set_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET, static_cast<long>(offset));
+    pref_save(PREF_ID_ADJUST);
 }
 inline std::vector<Record> ReadRecords()
 {
     std::vector<Record> records;
-    for (long at = 0; at + static_cast<long>(kRecordSize) <= pref_get_long(kAdjustGroup, kHeaderLengthAt); at += kRecordSize) {
+    for (long at = 0; at + static_cast<long>(ADJ_HEADER_RECORD_SIZE) <= pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET); at += ADJ_HEADER_RECORD_SIZE) {
         _TAdjDataHeader record;
-        std::memcpy(&record, pref_get_addr(kAdjustGroup, nullptr) + kHeaderAt + at, kRecordSize);
+        std::memcpy(&record, pref_get_addr(PREF_ID_ADJUST, nullptr) + HEADER_DATA_OFFSET + at, ADJ_HEADER_RECORD_SIZE);
         records.push_back({std::string(record.name, strnlen(record.name, sizeof record.name)), record.offset, record.size});
     }
     return records;
 }
 inline Bytes ReadBody(unsigned long offset, unsigned long size)
 {
-    const uint8_t* body = pref_get_addr(kAdjustGroup, nullptr) + kBodyAt + offset;
+    const uint8_t* body = pref_get_addr(PREF_ID_ADJUST, nullptr) + BODY_DATA_OFFSET + offset;
     return Bytes(body, body + size);
 }
 
@@ -127,7 +123,7 @@ inline std::string LayoutProblem()
         if (record.offset != end) return record.name + " at " + std::to_string(record.offset) + ", expected " + std::to_string(end);
         end += record.size;
     }
-    const long body = pref_get_long(kAdjustGroup, kBodyLengthAt);
+    const long body = pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET);
     return static_cast<uint64_t>(body) == end ? "" : "body area " + std::to_string(body) + " bytes, records end at " + std::to_string(end);
 }
 
@@ -209,20 +205,20 @@ protected:
     {
         header.Umount();
         body.Umount();
-        header.Mount(kHeaderAt, kHeaderLengthAt, pref_get_long(kAdjustGroup, kHeaderLengthAt));
-        body.Mount(kBodyAt, kBodyLengthAt, pref_get_long(kAdjustGroup, kBodyLengthAt));
+        header.Mount(HEADER_DATA_OFFSET, HEADER_SIZE_OFFSET, pref_get_long(PREF_ID_ADJUST, HEADER_SIZE_OFFSET));
+        body.Mount(BODY_DATA_OFFSET, BODY_SIZE_OFFSET, pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET));
     }
     /// Puts `content` into the body area and sets its length, zeros behind it.
     void SetBody(const std::string& content)
     {
         const std::string withZeros = content + std::string(4096, '\0');
-        pref_set_long(kAdjustGroup, kBodyLengthAt, static_cast<long>(content.size()));
-        pref_set_bytes(kAdjustGroup, kBodyAt, withZeros.data(), withZeros.size());
+        pref_set_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET, static_cast<long>(content.size()));
+        pref_set_bytes(PREF_ID_ADJUST, BODY_DATA_OFFSET, withZeros.data(), withZeros.size());
         MountAreas();
     }
     static std::string Body()
     {
-        const Bytes body = ReadBody(0, static_cast<unsigned long>(pref_get_long(kAdjustGroup, kBodyLengthAt)));
+        const Bytes body = ReadBody(0, static_cast<unsigned long>(pref_get_long(PREF_ID_ADJUST, BODY_SIZE_OFFSET)));
         return std::string(body.begin(), body.end());
     }
     static std::string Trace(const std::string& text) { return "\x1b[m" + text + "\x1b[m\n"; }

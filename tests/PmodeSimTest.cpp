@@ -10,10 +10,19 @@
 
 #include <chrono>
 #include <filesystem>
+#include <regex>
 #include <thread>
 
 namespace fs = std::filesystem;
 using pmtool::ExpectRuns;
+
+/// The JSON report with each object and array on one line ({"index": 1, "worker": "UI", ...}), so that tests
+/// name its parts in one string; strings in it hold no raw line break.
+std::string FlatReport(const std::string& text)
+{
+    const std::string opened = std::regex_replace(text, std::regex("([\\[{])\n *"), "$1");
+    return std::regex_replace(std::regex_replace(opened, std::regex("\n *([\\]}])"), "$1"), std::regex(",\n *"), ", ");
+}
 
 class PmodeSimTest : public ::testing::Test {
 protected:
@@ -22,7 +31,7 @@ protected:
     {
         fs::remove(root.Host("/report.json"));
         pmtool::Result run = pmtool::Run(sim + options);
-        run.output += root.ReadFile("/report.json");
+        run.output += FlatReport(root.ReadFile("/report.json"));
         return run;
     }
 
@@ -88,8 +97,9 @@ TEST_F(PmodeSimTest, EachCardEndsWithItsVerdictAndABrokenOneNeverPasses)
                                             "run FAILED (script mode, end of the script): 1 commands run, 1 passed, 0 failed",
                                             "not a pass: the pre-flight check found 1 error in the script (run forced with --force)",
                                             "not a pass: 1 failed check reported"}, 1},
-        {"prod.adj", loop, "--force --timeout 1 --quiet", 4, {"pre-flight: /mnt/mmc/prod.adj:4: error: goto count '0' is read as 0",
-                                                              "run FAILED (script mode, timed out after 1 s)", "\"aborted\": true"}, 0},
+        {"prod.adj", loop, "--force --timeout 0.5 --quiet", 4, {"pre-flight: /mnt/mmc/prod.adj:4: error: goto count '0' is read as 0",
+                                                                "run FAILED (script mode, timed out after 0.5 s)", "\"aborted\": true"}, 0},
+        {"", "-", "--host-link --serve-seconds 0", 0, {"run PASSED (host-link mode, served 0 s, then stopped)"}, 0},
         {"prod.adj", "label ADJ_00\nkey check a\"b\\c\tfail\n", "", 1,
          {"\"command\": \"key check a\\\"b\\\\c fail\"", "failure provoked by the script (parameter \\\"fail\\\")"}, 0},
         {"prod.adj", "adj_wifi certification 1\n", "", 0,
@@ -102,7 +112,7 @@ TEST_F(PmodeSimTest, EachCardEndsWithItsVerdictAndABrokenOneNeverPasses)
         if (text == "DIR") fs::create_directories(root.Host(card + "/" + script + "/sub"));
         else if (text != "-") root.WriteFile(card + "/" + script, text);
         const pmtool::Result run = RunSim("--root " + root.Host("/device" + card) + " --card " + root.Host(card) + " " + options);
-        pmtool::Check({expected.front(), status, expected}, run);
+        pmtool::Check({expected.front(), status, expected, {" 0.00 s", "\"total_seconds\": 0.0,"}}, run); // the real elapsed time
         EXPECT_EQ(pmtool::Count(run.output, " PASS "), passes) << run.output;
     }
 }
@@ -152,7 +162,7 @@ protected:
         }
         pclose(server); // its process is reaped already
         server = nullptr;
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, root.ReadFile("/server.txt") + root.ReadFile("/report.json")};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, root.ReadFile("/server.txt") + FlatReport(root.ReadFile("/report.json"))};
     }
 
     TestRoot root; // PMODE_ROOT of the tools
@@ -170,7 +180,7 @@ TEST_F(PmodePcTest, ExampleSessionPassesAndTheCameraReportsEveryRequest)
                   "-> response 0x10020002 0x0 0x0: sensor data taken", "-> response 0x10000002 0x10003 0x0: clock set",
                   "| CIS S/N 40718833", "-> file /mnt/mmc/cis_data.txt (61 bytes)", "| Index,CIS S/N,PART,PRESS,RELEASE,LATENCY_MS"}}});
     EXPECT_EQ(root.ReadFile("/mnt/mmc/pc_recorded.adj"), "lens focus_check 1\nshutter measure 1/4000\n");
-    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by a signal): 18 commands run, 17 passed, 1 failed",
+    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by SIGINT): 18 commands run, 17 passed, 1 failed",
                                  "CAP   shutter shutter_speed2 1 (op 30 1 0 0)", "\"mode\": \"host-link\"",
                                  "\"command\": \"lens focus_check 3 fail\"", "\"protocol\": true, \"args\": [30, 1, 0, 0]"}}, StopServer());
 }
@@ -178,35 +188,56 @@ TEST_F(PmodePcTest, ExampleSessionPassesAndTheCameraReportsEveryRequest)
 TEST_F(PmodePcTest, FailuresBadRequestsAndSlowAnswersFailOnThePc)
 {
     const std::string bad = root.Host("/bad.batch"), failing = root.Host("/failing.batch");
-    root.WriteFile("/bad.batch", "line lens init 1\nsend lens init 1\nop 0 1 2\nop 0x10021000 1 2 3 4 5\nop 0x10021000 size payload=x.bin\n");
+    root.WriteFile("/bad.batch", "line lens init 1\nsend lens init 1\nop 0x10040001 1 2\nop 0x10021000 1 2 3 4 5\nop 0x10021000 size payload=x.bin\n");
     root.WriteFile("/failing.batch", "# a failure nobody expected\nline lens init 1 fail\nline lens init 1\n");
-    ExpectRuns({{"pmode-pc --wait 0.3 line lens init 1", 3, {"no camera serves the host link"}}, {pc + "line", 2, {}}, {pc + "op 12x", 2, {}},
-                {pc + "batch " + bad, 2, {bad + ":2: error: unknown request 'send'", bad + ":3: error: an operation needs a code other than 0",
+    ExpectRuns({{"pmode-pc --wait 0.3 line lens init 1", 3, {"no camera serves the host link"}},
+                {pc + "batch " + bad, 2, {bad + ":2: error: unknown request 'send'", bad + ":3: error: '0x10040001' is an operation code the camera does not serve",
                                           bad + ":4: error: more than four arguments", bad + ":5: error: cannot read the payload file"}}});
     StartServer();
     ExpectRuns({{pc + "batch " + failing, 1, {"2 requests, 1 passed, 1 failed", "failed: " + failing + ":2: line lens init 1 fail", "BATCH FAILED"}},
                 {pc + "line lens focus_check 1", 0, {"adjustment passed"}},
                 {pc + "op 0x10021001 0 0 0 0", 1, {}}}); // no worker for a protocol operation after a LENS line
-    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by a signal)"}}, StopServer());
+    pmtool::Check({"camera", 1, {"run FAILED (host-link mode, stopped by SIGINT)"}}, StopServer());
     StartServer();
     ExpectRuns({{"pmode-pc --wait 20 --timeout 0.3 line delay 1500 ms", 1, {"-> no answer within 300 ms  [FAIL]"}}});
-    pmtool::Check({"camera, which finishes the late command all the same and stops cleanly", 0, {"DD    delay 1500 ms"}}, StopServer());
+    pmtool::Check({"camera, which finishes the late command all the same and passes when stopped", 0,
+                   {"DD    delay 1500 ms", "run PASSED (host-link mode, stopped by SIGINT)"}}, StopServer());
 }
 
-TEST_F(PmodePcTest, ToolsRefuseBadUsageTheHostRootAndNoRoot)
+TEST_F(PmodePcTest, EveryToolNamesAWrongArgumentAndRefusesTheHostRootAndNoRoot)
 {
     fs::create_directory_symlink("/", root.Host("/host"));
     fs::create_directories(root.Host("/empty-plugins"));
+    fs::create_directories(root.Host("/batch-dir"));
+    root.WriteFile("/comments.batch", "# nothing but a comment\n\n");
     const std::string toHost = "resolves to the host's own \"/\"", missing = root.Host("/missing"), dump = root.Host("/x.dump");
-    const std::string sim = "pmode-sim --root " + root.Dir() + " ";
-    std::vector<pmtool::Expected> runs = {{sim + "--card " + root.Host("/no-such-card"), 2, {"no card directory"}},
-                                          {sim + "--plugins " + root.Host("/empty-plugins"), 2, {"no worker registered by the plug-ins"}}};
-    for (const char* usage : {"--frobnicate", "--card", "--step abc", "--step 4294967296", "--step -1", "--step 3x", "--timeout 0",
-                              "--timeout soon", "--timeout nan", "--serve-seconds -1"})
-        runs.push_back({sim + usage, 2, {"usage: pmode-sim"}});
-    for (const char* usage : {"", "--max 0 x", "--max 4294967296 x", "--max 1000001 x", "--max abc x", "--max 5x x", "--max -3 x"})
-        runs.push_back({std::string("pmode-sim check ") + usage, 2, {"usage: pmode-sim check"}});
-    runs.push_back({"pmode-sim check " + missing, 1, {": error: cannot open the script"}});
+    const std::string sim = "pmode-sim --root " + root.Dir() + " --card " + pmtool::Source("examples/card") + " ";
+    const std::pair<std::string, std::string> wrong[] = { // command line, what its message names; each exits 2 and runs nothing
+        {sim + "--frobnicate", "--frobnicate"}, {sim + "--card", "--card"}, {sim + "--step abc", "--step: 'abc'"},
+        {sim + "--step 2147483648", "--step: '2147483648' is out of range"}, {sim + "--step -1", "--step: '-1'"},
+        {sim + "--step 3x", "--step: '3x'"}, {sim + "--timeout 0", "--timeout: '0'"}, {sim + "--timeout soon", "--timeout: 'soon'"},
+        {sim + "--timeout nan", "--timeout: 'nan'"}, {sim + "--serve-seconds -1", "--serve-seconds: '-1'"},
+        {sim + "--serve-seconds 86401", "--serve-seconds: '86401'"}, {sim + "run extra", "extra"}, {"pmode-sim check", "SCRIPT"},
+        {sim + "--json " + root.Host("/no/dir/report.json"), root.Host("/no/dir/report.json")},
+        {sim + "--json " + root.Host("/empty-plugins"), "cannot write the report " + root.Host("/empty-plugins")},
+        {"pmode-sim check --max 0 x", "--max: '0'"}, {"pmode-sim check --max 4294967296 x", "--max: '4294967296'"},
+        {"pmode-sim check --max 5x x", "--max: '5x'"}, {"pmode-sim check --max -3 x", "--max: '-3'"}, {"pmode-sim check a b", "b"},
+        {"pmode-pc --timeout 0 line x", "--timeout: '0'"}, {"pmode-pc --wait soon line x", "--wait: 'soon'"}, {"pmode-pc line", "WORDS"},
+        {"pmode-pc send x", "'send' is not a command"}, {"pmode-pc op 12x", "CODE: '12x'"}, {"pmode-pc op", "CODE"},
+        {"pmode-pc op 0xdeadbeef 1 2 3 4", "CODE: '0xdeadbeef' is an operation code the camera does not serve"},
+        {"pmode-pc op 0x10021000 1 2 3 4 5", "5"}, {"pmode-pc op 0x10021000 4294967296", "P1: '4294967296'"},
+        {"pmode-pc op 0x10021000 size --payload", "--payload"}, {"pmode-pc batch " + root.Host("/batch-dir"), "it is a directory"},
+        {"pmode-pc batch " + root.Host("/comments.batch"), root.Host("/comments.batch") + " holds no request"},
+        {"pmode-kv watch -n", "-n"}, {"pmode-kv watch -n 0 k", "-n: '0'"}, {"pmode-kv set-int k notanumber", "'notanumber' is not a"},
+        {"pmode-kv set-int k 2147483648", "N: '2147483648'"}, {"pmode-kv get", "KEY"}, {"pmode-kv get a b", "b"},
+        {"pmode-kv frob", "'frob' is not a command"}, {"pmode-kv --root", "--root"}, {"adjtool", "subcommand"},
+        {"adjtool frob", "'frob' is not a command"}, {"adjtool set ADJUST_CIS_SN", "VALUE"}, {"adjtool get 27 --out", "--out"},
+        {"adjtool get 27 extra", "extra"}, {"adjtool --root", "--root"}, {"adjtool --root x --image y list", "--image"},
+        {"adjtool diff a b c", "c"}, {"adjtool get 133", "133"}};
+    std::vector<pmtool::Expected> runs;
+    for (const auto& [commandLine, named] : wrong)
+        runs.push_back({commandLine, 2, {named}, {"BATCH PASSED", "plug-ins:", "no camera serves"}});
+    runs.push_back({sim + "--plugins " + root.Host("/empty-plugins"), 2, {"no worker registered by the plug-ins"}});
     for (const auto& [before, option, message] : std::vector<std::tuple<std::string, std::string, std::string>>{
              {"env -u PMODE_ROOT ", "", "no device root"}, {"env PMODE_ROOT=/ ", "", toHost}, {"", "--root /", toHost},
              {"", "--root //", toHost}, {"", "--root /.", toHost}, {"", "--root " + root.Host("/host"), toHost},
@@ -220,6 +251,31 @@ TEST_F(PmodePcTest, ToolsRefuseBadUsageTheHostRootAndNoRoot)
     ExpectRuns(runs);
     EXPECT_FALSE(fs::exists(missing));
     EXPECT_FALSE(fs::exists(dump));
+}
+
+TEST(ToolHelpTest, EveryToolAndCommandListsItsOptionsAndExitStatusesAndItsVersion)
+{
+    const std::string simRun = "--root --card --plugins --host-link --step --serve-seconds --timeout --json --force --quiet";
+    const std::pair<std::string, std::string> commands[] = { // command, the options and operands its help names
+        {"pmode-sim", "run check " + simRun + " --max SCRIPT"}, {"pmode-sim run", simRun}, {"pmode-sim check", "--max --quiet SCRIPT"},
+        {"pmode-pc", "--root --timeout --wait line op batch WORDS CODE P1 P4 --payload FILE"}, {"pmode-pc line", "WORDS"},
+        {"pmode-pc op", "CODE P1 P2 P3 P4 --payload"}, {"pmode-pc batch", "FILE"},
+        {"pmode-kv", "--root get set set-int watch KEY VALUE N -n"}, {"pmode-kv get", "KEY"}, {"pmode-kv set", "KEY VALUE"},
+        {"pmode-kv set-int", "KEY N"}, {"pmode-kv watch", "-n KEY"},
+        {"adjtool", "--root --image list get set reset dump load verify diff ITEM VALUE --hex --out FILE A B"},
+        {"adjtool list", ""}, {"adjtool get", "ITEM --hex --out"}, {"adjtool set", "ITEM VALUE"}, {"adjtool reset", "ITEM"},
+        {"adjtool dump", "FILE"}, {"adjtool load", "FILE"}, {"adjtool verify", ""}, {"adjtool diff", "A B"}};
+    for (const auto& [command, named] : commands) {
+        const pmtool::Result help = pmtool::Run(command + " --help");
+        pmtool::Check({command + " --help", 0, {"Usage: " + command + " [OPTIONS]", "--help", "exit status: "}}, help);
+        std::istringstream list(named);
+        for (std::string word; list >> word;) // as a word of its own: "--step N", "\nrun\n", "-n COUNT:"
+            EXPECT_TRUE(std::regex_search(help.output, std::regex("(^|[ \\n,])" + word + "[ \\n:]"))) << command << ": " << word;
+        if (command.find(' ') != std::string::npos) continue;
+        const pmtool::Result version = pmtool::Run(command + " --version");
+        EXPECT_EQ(version.status, 0) << command;
+        EXPECT_TRUE(std::regex_match(version.output, std::regex(command + " [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << version.output;
+    }
 }
 
 TEST(ScriptCheckerTest, EachFaultIsFoundAtItsLineAndTheResolvedRunStopsWhereTheCameraStops)

@@ -1,3 +1,4 @@
+#include "AdjustGroupLayout.h"
 #include "FileFaults.h"
 #include "TestRoot.h"
 #include "pref.h"
@@ -15,7 +16,8 @@
 
 namespace {
 
-constexpr unsigned long kGroup3Size = 5294098;
+using namespace pm::adjust;
+constexpr unsigned long kGroup3Size = GROUP_SIZE;
 
 std::vector<unsigned char> image(int group)
 {
@@ -45,8 +47,8 @@ protected:
 TEST_F(PrefStoreTest, DefaultsOutsideAccessAndBadFilesAreRefusedAndFailedKilledOrConcurrentSavesLoseNothing)
 {
     std::vector<unsigned char> defaults(kGroup3Size, 0);
-    defaults[8] = 0x11;
-    defaults.back() = 0x26;
+    defaults[MARKER1_OFFSET] = MARKER1;
+    defaults[MARKER2_OFFSET] = MARKER2;
     EXPECT_TRUE(defaults == image(3)) << "all zero but the two markers";
     const unsigned char bytes[4] = {1, 2, 3, 4};
     unsigned long size = 1;
@@ -70,15 +72,15 @@ TEST_F(PrefStoreTest, DefaultsOutsideAccessAndBadFilesAreRefusedAndFailedKilledO
     EXPECT_EQ(0, pref_get_byte(1, 48));
     EXPECT_EQ(0, pref_get_long(3, kGroup3Size - 3));
 
-    ASSERT_EQ(4, pref_set_long(3, 51213, 0x5A5A));
+    ASSERT_EQ(4, pref_set_long(3, BODY_SIZE_OFFSET, 0x5A5A));
     ASSERT_EQ(0, pref_save_to_file(3, "/tmp/good.dump"));
     const std::string good = root.ReadFile("/tmp/good.dump");
     ASSERT_EQ(20u + kGroup3Size, good.size());
-    ASSERT_EQ(4, pref_set_long(3, 51213, 77));
+    ASSERT_EQ(4, pref_set_long(3, BODY_SIZE_OFFSET, 77));
     const std::vector<unsigned char> before = image(3);
     std::vector<std::pair<std::string, std::string>> cases = {
         {"empty", ""}, {"last byte missing", good.substr(0, good.size() - 1)}, {"one byte too many", good + "x"}};
-    for (size_t at : {0UL, 8UL, 12UL, 16UL, 20UL, 20UL + 5294097UL}) {
+    for (size_t at : {0UL, 8UL, 12UL, 16UL, 20UL, 20UL + MARKER2_OFFSET}) {
         cases.emplace_back("byte " + std::to_string(at) + " changed", good);
         cases.back().second[at] ^= 0x01;
     }
@@ -95,10 +97,10 @@ TEST_F(PrefStoreTest, DefaultsOutsideAccessAndBadFilesAreRefusedAndFailedKilledO
     EXPECT_NE(std::string::npos, log.find(" W/PREF(3): pref_load_from_file: refused (checksum mismatch), group 3\n"));
 
     pref_sim_forget_images();
-    EXPECT_EQ(0, pref_get_long(3, 51213)) << "first use of a refused copy starts from the defaults";
+    EXPECT_EQ(0, pref_get_long(3, BODY_SIZE_OFFSET)) << "first use of a refused copy starts from the defaults";
     EXPECT_EQ(-1, pref_save(3)) << "defaults nobody asked for are not saved over the unread copy";
     ASSERT_EQ(0, pref_load_from_file(3, "/tmp/good.dump"));
-    EXPECT_EQ(0x5A5A, pref_get_long(3, 51213));
+    EXPECT_EQ(0x5A5A, pref_get_long(3, BODY_SIZE_OFFSET));
     EXPECT_EQ(0, pref_sim_save_count(3)) << "loading a file changes memory only";
     EXPECT_EQ(0, pref_save(3)) << "a loaded image may be saved";
     root.WriteFile("/mnt/ubi1/pref/store/group3.bin", good.substr(1));

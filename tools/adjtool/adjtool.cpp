@@ -6,11 +6,29 @@
 // are the manager's own; verify and diff read the raw group image so that they see the
 // store exactly as it is, without the start-up re-arrangement.
 //
+//   adjtool [--root DIR | --image FILE] list
+//   adjtool [--root DIR | --image FILE] get ITEM [--hex] [--out FILE]
+//   adjtool [--root DIR | --image FILE] set ITEM VALUE
+//   adjtool [--root DIR | --image FILE] reset ITEM|line
+//   adjtool [--root DIR] dump FILE | load FILE
+//   adjtool [--root DIR | --image FILE] verify
+//   adjtool [--root DIR] diff A [B]
+//   adjtool --help | --version
+//  --root DIR    the simulated device (default: $PMODE_ROOT; never the host's "/")
+//  --image FILE  work on a dump file instead of the device's NAND
+//  ITEM          an item's id (0..132) or name, or a line value's id (134..143) or name
+//  VALUE         a number (12, 0x7f, -3), text:STR, hex:0a0b.., file:PATH (text, hex and
+//                file are padded with zero bytes to the item's size); a value that
+//                starts with "-" may follow "--"
+//  --hex         get: also a hex dump of the bytes;  --out FILE  get: the bytes into FILE
+//  A, B          dump files, or @device (B defaults to @device); diff of two files
+//                needs no device root
+//
 // Exit status: 0 done (verify found nothing, diff found no difference); 1 the check
 // found problems, the images differ, or the work was not done: a library call
 // answered failure or the library reported a failed check ("Assertion Failed!")
-// while the command ran; 2 a bad command line, bad input (unknown item, value that
-// does not fit, unreadable file) or no usable device root.
+// while the command ran; 2 a wrong argument (named in the message), bad input
+// (unknown item, value that does not fit, unreadable file) or no usable device root.
 //
 // A value is printed after set or reset only once it is saved (on the device's
 // NAND, or written back into the --image file).
@@ -45,6 +63,7 @@
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
 #include "DeviceRoot.h"
+#include "ToolCommandLine.h"
 #include "LineDataList.h"
 #include "PMReport.h"
 #include "pref.h"
@@ -90,31 +109,6 @@ void requireNoFailedCheck(const std::string& what)
     if (reported == 0) return;
     throw NotDone{"the library reported " + std::to_string(reported) + " failed check" + (reported == 1 ? "" : "s") +
                   " (\"Assertion Failed!\" above): " + what};
-}
-
-void printUsage(FILE* out)
-{
-    std::fprintf(out,
-                 "usage: adjtool [--root DIR | --image FILE] COMMAND [ARGS]\n"
-                 "\n"
-                 "  --root DIR     the simulated device (default: $PMODE_ROOT; never the host's \"/\")\n"
-                 "  --image FILE   work on a dump file instead of the device's NAND\n"
-                 "\n"
-                 "commands:\n"
-                 "  list                      every item: id, name, offset, size, value; then the line values\n"
-                 "  get ITEM [--hex] [--out FILE]\n"
-                 "                            one item (ITEM: id or name; 134..143 are line values)\n"
-                 "  set ITEM VALUE            VALUE: a number (12, 0x7f, -3), text:STR, hex:0a0b.., file:PATH\n"
-                 "                            (text, hex and file are padded with zero bytes to the item's size)\n"
-                 "  reset ITEM                the item's default value; 'reset line' resets all line values\n"
-                 "  dump FILE                 save the device's adjust group to FILE\n"
-                 "  load FILE                 replace the device's adjust group by FILE\n"
-                 "  verify                    markers, header records against the catalogue, gap-free offsets\n"
-                 "  diff A [B]                compare two images item by item; A and B are dump files or\n"
-                 "                            @device (B defaults to @device)\n"
-                 "\n"
-                 "exit status: 0 done; 1 problems or differences found, or the work was not done (the library\n"
-                 "refused it or reported a failed check); 2 bad input or no device root\n");
 }
 
 bool isCountryDerived(int id)
@@ -383,20 +377,17 @@ int verify(const RawImage& image)
     auto report = [&problems](const std::string& text) { problems.push_back(text); };
     char text[256];
 
-    if (image.group[MARKER1_OFFSET] != MARKER1) {
-        std::snprintf(text, sizeof(text), "marker byte at 8 is 0x%02x, expected 0x11", image.group[MARKER1_OFFSET]);
-        report(text);
-    }
-    if (image.group[MARKER2_OFFSET] != MARKER2) {
-        std::snprintf(text, sizeof(text), "marker byte at 5294097 is 0x%02x, expected 0x26", image.group[MARKER2_OFFSET]);
+    for (const auto& [offset, marker] : {std::pair{MARKER1_OFFSET, MARKER1}, std::pair{MARKER2_OFFSET, MARKER2}}) {
+        if (image.group[offset] == marker) continue;
+        std::snprintf(text, sizeof(text), "marker byte at %lu is 0x%02x, expected 0x%02x", offset, image.group[offset], marker);
         report(text);
     }
     if (image.headerLength < 0 || image.headerLength > HEADER_CAPACITY)
-        report("header area length " + std::to_string(image.headerLength) + " is outside 0..51200");
+        report("header area length " + std::to_string(image.headerLength) + " is outside 0.." + std::to_string(HEADER_CAPACITY));
     else if (image.headerLength % RECORD_SIZE != 0)
-        report("header area length " + std::to_string(image.headerLength) + " is not a whole number of 140-byte records");
+        report("header area length " + std::to_string(image.headerLength) + " is not a whole number of " + std::to_string(RECORD_SIZE) + "-byte records");
     if (image.bodyLength < 0 || image.bodyLength > BODY_CAPACITY)
-        report("body area length " + std::to_string(image.bodyLength) + " is outside 0..5242880");
+        report("body area length " + std::to_string(image.bodyLength) + " is outside 0.." + std::to_string(BODY_CAPACITY));
 
     std::map<std::string, size_t> seen;
     uint64_t expectedOffset = 0;
@@ -675,34 +666,56 @@ struct Options {
     std::vector<std::string> words;
 };
 
-Options parseOptions(int argc, char** argv)
-{
-    Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        if (word == "--root" || word == "--image") {
-            if (i + 1 >= argc) throw UsageError{word + " needs an argument"};
-            (word == "--root" ? options.root : options.image) = argv[++i];
-        } else if (word.rfind("--root=", 0) == 0) {
-            options.root = word.substr(7);
-        } else if (word.rfind("--image=", 0) == 0) {
-            options.image = word.substr(8);
-        } else if (word == "-h" || word == "--help") {
-            options.words = {"help"};
-            return options;
-        } else {
-            options.words.push_back(word);
-        }
-    }
-    if (options.words.empty()) throw UsageError{"no command given"};
-    if (!options.root.empty() && !options.image.empty()) throw UsageError{"give --root or --image, not both"};
-    return options;
-}
+constexpr const char* kExitStatuses =
+    "0 done (verify found nothing, diff found no difference); 1 problems or differences found, or the work was not done "
+    "(the library refused it or reported a failed check); 2 a wrong argument, bad input or no device root";
 
-void expectArguments(const std::vector<std::string>& words, size_t least, size_t most)
+/// The command line; the tool's exit status when it ends here (help, version, a wrong argument), else -1.
+int parseOptions(int argc, char** argv, Options& options)
 {
-    const size_t count = words.size() - 1;
-    if (count < least || count > most) throw UsageError{"wrong number of arguments for '" + words[0] + "'"};
+    CLI::App app("The calibration-data tool: lists, reads and writes the adjust items of a simulated device or of a "
+                 "dump file, dumps and loads images, verifies and compares them.",
+                 "adjtool");
+    toolcli::Describe(app, kExitStatuses);
+    CLI::Option* root = app.add_option("--root", options.root, "the simulated device (default: $PMODE_ROOT; never the "
+                                                                "host's \"/\")")->type_name("DIR");
+    app.add_option("--image", options.image, "work on a dump file instead of the device's NAND")->type_name("FILE")
+        ->excludes(root);
+    app.require_subcommand(1);
+    std::string first, second; // the operands
+    bool haveFirst = false, haveSecond = false;
+    const auto givenFirst = [&haveFirst](const std::string&) { haveFirst = true; };
+    const auto givenSecond = [&haveSecond](const std::string&) { haveSecond = true; };
+    bool hex = false;
+    std::string out;
+    const std::string item = "an item's id (0..132) or name, or a line value's id (134..143) or name";
+    app.add_subcommand("list", "every item: id, name, offset, size, value; then the line values");
+    CLI::App* get = app.add_subcommand("get", "print one item or line value");
+    get->add_option("ITEM", first, item)->required()->each(givenFirst);
+    get->add_flag("--hex", hex, "also a hex dump of the bytes");
+    get->add_option("--out", out, "write the bytes into FILE")->type_name("FILE");
+    CLI::App* set = app.add_subcommand("set", "write and save one item or line value");
+    set->add_option("ITEM", first, item)->required()->each(givenFirst);
+    set->add_option("VALUE", second, "a number (12, 0x7f, -3), text:STR, hex:0a0b.., file:PATH (text, hex and file "
+                                       "are padded with zero bytes to the item's size)")->required()->each(givenSecond);
+    app.add_subcommand("reset", "give an item its default value and save it; 'reset line' resets all line values")
+        ->add_option("ITEM", first, item + ", or \"line\"")->required()->each(givenFirst);
+    app.add_subcommand("dump", "save the device's adjust group to FILE (not with --image)")
+        ->add_option("FILE", first, "the dump file")->required()->each(givenFirst);
+    app.add_subcommand("load", "replace the device's adjust group by FILE (not with --image)")
+        ->add_option("FILE", first, "the dump file")->required()->each(givenFirst);
+    app.add_subcommand("verify", "check markers, header records against the catalogue and gap-free offsets");
+    CLI::App* diff = app.add_subcommand("diff", "compare two images item by item (not with --image); two files need no "
+                                                "device root");
+    diff->add_option("A", first, "a dump file or @device")->required()->each(givenFirst);
+    diff->add_option("B", second, "a dump file or @device (default: @device)")->each(givenSecond);
+    if (const int status = toolcli::Parse(app, argc, argv); status >= 0) return status;
+    options.words = {app.get_subcommands().front()->get_name()};
+    if (haveFirst) options.words.push_back(first);
+    if (haveSecond) options.words.push_back(second);
+    if (hex) options.words.push_back("--hex");
+    if (!out.empty()) options.words.insert(options.words.end(), {"--out", out});
+    return -1;
 }
 
 // With --image the work is done on a scratch device root, removed at the end.
@@ -732,7 +745,6 @@ int runDeviceCommand(const Options& options)
     const bool onImage = !options.image.empty();
 
     if (command == "dump" || command == "load") {
-        expectArguments(words, 1, 1);
         if (onImage) throw UsageError{"'" + command + "' works on the device (--root), not on --image"};
         std::string path = platformPath(words[1]);
         CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
@@ -771,10 +783,8 @@ int runDeviceCommand(const Options& options)
     CAdjustDataManager* manager = nullptr;
     std::optional<int> kept; // the item set or reset (-1: the line values)
     if (command == "list") {
-        expectArguments(words, 0, 0);
         status = commandList(startManager());
     } else if (command == "get") {
-        expectArguments(words, 1, 4);
         const int id = parseItem(words[1]);
         bool hex = false;
         std::string out;
@@ -789,13 +799,11 @@ int runDeviceCommand(const Options& options)
         }
         status = commandGet(startManager(), id, hex, out);
     } else if (command == "set") {
-        expectArguments(words, 2, 2);
         const int id = parseItem(words[1]);
         manager = startManager();
         commandSet(manager, id, words[2]);
         kept = id;
     } else if (command == "reset") {
-        expectArguments(words, 1, 1);
         manager = startManager();
         kept = commandReset(manager, words[1]);
     } else {
@@ -810,17 +818,14 @@ int runDeviceCommand(const Options& options)
     return status;
 }
 
-int run(int argc, char** argv)
+int run(const Options& options)
 {
-    Options options = parseOptions(argc, argv);
     const std::string& command = options.words[0];
-    if (command == "help") {
-        printUsage(stdout);
-        return EXIT_OK;
-    }
-
+    const bool filesOnly = command == "diff" && options.words.size() == 3 && options.words[1] != DEVICE_OPERAND &&
+                           options.words[2] != DEVICE_OPERAND;
+    // A diff of two files reads no device: it works on a scratch root, as --image does.
     std::optional<ScratchRoot> scratch;
-    if (!options.image.empty()) {
+    if (!options.image.empty() || filesOnly) {
         scratch.emplace();
         setenv("PMODE_ROOT", scratch->Dir().c_str(), 1);
     } else {
@@ -829,11 +834,9 @@ int run(int argc, char** argv)
     }
 
     if (command == "verify") {
-        expectArguments(options.words, 0, 0);
         return verify(loadRawImage(options.image.empty() ? DEVICE_OPERAND : options.image));
     }
     if (command == "diff") {
-        expectArguments(options.words, 1, 2);
         if (!options.image.empty()) throw UsageError{"'diff' takes its images as arguments, not --image"};
         const std::string second = options.words.size() > 2 ? options.words[2] : DEVICE_OPERAND;
         const RawImage a = loadRawImage(options.words[1]);
@@ -848,8 +851,10 @@ int run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     g_checksBefore = pm::AssertionCount();
+    Options options;
+    if (const int status = parseOptions(argc, argv, options); status >= 0) return status;
     try {
-        const int status = run(argc, argv);
+        const int status = run(options);
         requireNoFailedCheck("the work may not be done");
         return status;
     } catch (const NotDone& failure) {
@@ -858,7 +863,7 @@ int main(int argc, char** argv)
         return EXIT_FOUND;
     } catch (const UsageError& error) {
         std::fprintf(stderr, "adjtool: %s\n", error.message.c_str());
-        std::fprintf(stderr, "run 'adjtool --help' for the commands\n");
+        std::fprintf(stderr, "run 'adjtool --help' for the commands and options\n");
         return EXIT_USAGE;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "adjtool: %s\n", error.what());

@@ -73,6 +73,18 @@ std::string HostAnswer::Describe() const
     return "unknown response";
 }
 
+const char* HostLinkClient::OperationName(uint32_t code)
+{
+    static const struct {
+        uint32_t code;
+        const char* name;
+    } kOperations[] = {{0x10011000u, "shutter_speed2"}, {0x10021000u, "cis_data2"}, {0x10021001u, "cis_data_info"},
+                       {0x10030000u, "rtc2"}, {0x10040000u, "paf2"}};
+    for (const auto& operation : kOperations)
+        if (operation.code == code) return operation.name;
+    return nullptr;
+}
+
 HostLinkClient::HostLinkClient() = default;
 
 HostLinkClient::~HostLinkClient()

@@ -39,6 +39,9 @@ public:
     bool WaitForCamera(int timeoutMs);
     /// Sends one script line and waits for the answer.
     HostAnswer SendLine(const std::string& line, int timeoutMs);
+    /// The sub-command of a protocol operation the camera serves ("cis_data2", ...);
+    /// null for any other code (the camera would run nothing and answer nothing).
+    static const char* OperationName(uint32_t code);
     /// Sends one protocol operation (code = group << 16 | sub-code) with four
     /// arguments and an optional payload, and waits for the answer.
     HostAnswer SendOperation(uint32_t code, const uint32_t args[4], const std::string* payload, int timeoutMs);

@@ -1,26 +1,35 @@
 // pmode-pc: the factory PC. Sends requests to a running pmode-sim over the host
 // link (the simulated key-value store below the device root) and prints the answers.
 //
-//   pmode-pc [OPTIONS] line WORDS...            one script line
+//   pmode-pc [OPTIONS] line WORDS...            one script line (words that start
+//                                               with "-" follow "--")
 //   pmode-pc [OPTIONS] op CODE [P1 [P2 [P3 [P4]]]] [--payload FILE]
 //                                               one protocol operation; CODE is
-//                                               group << 16 | sub-code (0x10021001);
-//                                               an argument "size" stands for the
+//                                               group << 16 | sub-code, one the camera
+//                                               serves: 0x10011000 shutter_speed2,
+//                                               0x10021000 cis_data2, 0x10021001
+//                                               cis_data_info, 0x10030000 rtc2,
+//                                               0x10040000 paf2; P1..P4 are 0 to
+//                                               0xFFFFFFFF, "size" stands for the
 //                                               payload's byte count
 //   pmode-pc [OPTIONS] batch FILE               the requests of a batch file
+//   pmode-pc --help | --version
 // Options: --root DIR (the device root; default $PMODE_ROOT; required, and never
-// the host's "/"), --timeout SEC (per answer, default 10), --wait SEC (for
-// pmode-sim to serve, default 10).
+// the host's "/"), --timeout SEC (per answer, above 0 to 86400, default 10),
+// --wait SEC (for pmode-sim to serve, 0 to 86400, default 10).
 //
 // Batch file: one request a line, "line WORDS..." or "op CODE [P1..P4] [payload=FILE]"
 // (FILE relative to the batch file); "expect-fail " before a request expects the
-// camera to report a failure; "#" starts a comment line.
+// camera to report a failure; "#" starts a comment line. A batch is read and
+// checked whole before anything is sent; one with no request is refused.
 //
-// Exit status: 0 when every request got the answer expected, 1 otherwise, 2 bad
-// usage or no device root, 3 when no pmode-sim serves the host link.
+// Exit status: 0 when every request got the answer expected, 1 otherwise, 2 a
+// wrong argument, a bad batch file or no device root, 3 when no pmode-sim serves
+// the host link.
 #include "DeviceRoot.h"
 #include "HostLinkClient.h"
 #include "PmodeSimHost.h"
+#include "ToolCommandLine.h"
 
 #include "kernel.h"
 
@@ -48,36 +57,29 @@ struct Request {
     std::string text;           ///< as written, for the report
 };
 
-int usage()
-{
-    std::fprintf(stderr,
-                 "usage: pmode-pc [--root DIR] [--timeout SEC] [--wait SEC] line WORDS...\n"
-                 "       pmode-pc [OPTIONS] op CODE [P1 [P2 [P3 [P4]]]] [--payload FILE]\n"
-                 "       pmode-pc [OPTIONS] batch FILE\n"
-                 "the device root: %s\n",
-                 devroot::kHowToGive);
-    return 2;
-}
-
+/// A 32-bit unsigned value, decimal or 0x hexadecimal.
 bool parseNumber(const std::string& text, uint32_t& out)
 {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    unsigned long long value = std::strtoull(text.c_str(), &end, 0);
-    if (*end != '\0' || value > 0xFFFFFFFFull) return false;
+    long long value = 0;
+    if (!toolcli::ParseWhole(text, value) || value < 0 || value > 0xFFFFFFFFll) return false;
     out = static_cast<uint32_t>(value);
     return true;
 }
 
-/// Seconds from 0 to a day, written as a plain number ("0.3", "20"); false for anything else.
-bool parseSeconds(const std::string& text, int& milliseconds)
+/// What is wrong with a word of an operation: its code (first) or an argument; empty when nothing is.
+std::string wordError(const std::string& word, bool isCode)
 {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    double seconds = std::strtod(text.c_str(), &end);
-    if (*end != '\0' || !(seconds >= 0.0 && seconds <= 86400.0)) return false;
-    milliseconds = static_cast<int>(seconds * 1000);
-    return true;
+    uint32_t value = 0;
+    if ((!isCode && word == "size") || (parseNumber(word, value) && (!isCode || HostLinkClient::OperationName(value) != nullptr)))
+        return "";
+    if (!parseNumber(word, value)) return "'" + word + "' is not a number from 0 to 0xFFFFFFFF" + (isCode ? "" : " or \"size\"");
+    return "'" + word + "' is an operation code the camera does not serve (0x10011000 shutter_speed2, "
+                        "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2)";
+}
+
+CLI::Validator wordCheck(bool isCode)
+{
+    return CLI::Validator([isCode](std::string& word) { return wordError(word, isCode); }, "");
 }
 
 bool readFile(const std::string& path, std::string& out)
@@ -96,6 +98,7 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
     request.isLine = false;
     size_t argCount = 0;
     int sizeArg = -1; // the argument that stands for the payload's size
+    bool haveCode = false;
     for (size_t i = 0; i < words.size(); ++i) {
         std::string word = words[i];
         std::string payloadPath;
@@ -110,29 +113,21 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
             request.hasPayload = true;
             continue;
         }
-        uint32_t value = 0;
-        if (word == "size") {
-            sizeArg = static_cast<int>(argCount);
-            ++argCount;
-            continue;
-        }
-        if (!parseNumber(word, value)) {
-            error = "not a number: " + word;
-            return false;
-        }
-        if (i == 0) request.code = value;
-        else if (argCount >= 4) {
+        const bool isCode = !haveCode;
+        if (!(error = wordError(word, isCode)).empty()) return false;
+        if (!isCode && argCount >= 4) {
             error = "more than four arguments";
             return false;
         }
+        uint32_t value = 0;
+        if (word == "size") sizeArg = static_cast<int>(argCount);
+        else parseNumber(word, value);
+        if (isCode) request.code = value;
         else request.args[argCount++] = value;
+        haveCode = true;
     }
-    if (words.empty() || request.code == 0) {
-        error = "an operation needs a code other than 0";
-        return false;
-    }
-    if (argCount > 4) {
-        error = "more than four arguments";
+    if (!haveCode) {
+        error = "an operation needs its code";
         return false;
     }
     if (sizeArg >= 0) request.args[sizeArg] = static_cast<uint32_t>(request.payload.size());
@@ -230,8 +225,9 @@ using Batch = std::vector<std::pair<int, Request>>; ///< requests with their lin
 bool loadBatch(const std::string& path, Batch& requests)
 {
     std::ifstream file(path);
-    if (!file) {
-        std::fprintf(stderr, "pmode-pc: cannot open the batch file %s\n", path.c_str());
+    if (std::filesystem::is_directory(path) || !file) {
+        std::fprintf(stderr, "pmode-pc: cannot read the batch file %s%s\n", path.c_str(),
+                     std::filesystem::is_directory(path) ? ": it is a directory" : "");
         return false;
     }
     std::string baseDir = std::filesystem::path(path).parent_path().string();
@@ -251,7 +247,11 @@ bool loadBatch(const std::string& path, Batch& requests)
         }
         requests.emplace_back(lineNumber, request);
     }
-    return good;
+    if (good && requests.empty()) {
+        std::fprintf(stderr, "pmode-pc: the batch file %s holds no request\n", path.c_str());
+        return false;
+    }
+    return good && !file.bad();
 }
 
 int runBatch(HostLinkClient& client, const std::string& path, const Batch& requests, int timeoutMs)
@@ -271,47 +271,70 @@ int runBatch(HostLinkClient& client, const std::string& path, const Batch& reque
     return failures.empty() ? 0 : 1;
 }
 
+/// The request of the "line" or "op" sub-command, as a batch line would hold it.
+std::string requestText(const std::string& kind, const std::vector<std::string>& words, const std::string& payload)
+{
+    std::string text = kind;
+    for (const std::string& word : words) text += " " + word;
+    return payload.empty() ? text : text + " --payload " + payload;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    int timeoutMs = 10000;
-    int waitMs = 10000;
-    std::string given;
-    int i = 1;
-    for (; i < argc && argv[i][0] == '-'; ++i) {
-        std::string option = argv[i];
-        if (i + 1 >= argc) return usage();
-        if (option == "--root") given = argv[++i];
-        else if (option == "--timeout") { if (!parseSeconds(argv[++i], timeoutMs)) return usage(); }
-        else if (option == "--wait") { if (!parseSeconds(argv[++i], waitMs)) return usage(); }
-        else return usage();
-    }
-    if (i >= argc || timeoutMs <= 0 || waitMs < 0) return usage();
+    CLI::App app("The factory PC: sends script lines and protocol operations to a running pmode-sim over the host link "
+                 "and prints the answers.",
+                 "pmode-pc");
+    toolcli::Describe(app, "0 every request got the answer expected; 1 otherwise; 2 a wrong argument, a bad batch file "
+                           "or no device root; 3 no pmode-sim serves the host link");
+    std::string given, batchPath, payload;
+    std::vector<std::string> words;
+    double timeout = 10.0, wait = 10.0;
+    app.add_option("--root", given, std::string("the device root (default: $PMODE_ROOT); ") + devroot::kHowToGive)->type_name("DIR");
+    app.add_option("--timeout", timeout, "seconds to wait for each answer (default 10)")->type_name("SEC")
+        ->check(toolcli::Seconds(0.0, false, 86400.0));
+    app.add_option("--wait", wait, "seconds to wait for pmode-sim to serve the host link (default 10)")->type_name("SEC")
+        ->check(toolcli::Seconds(0.0, true, 86400.0));
+    app.require_subcommand(1);
+    CLI::App* line = app.add_subcommand("line", "send one script line; words that start with \"-\" follow \"--\"");
+    line->add_option("WORDS", words, "the line's words")->required();
+    CLI::App* op = app.add_subcommand("op", "send one protocol operation");
+    std::string code;
+    op->add_option("CODE", code, "group << 16 | sub-code, one the camera serves: 0x10011000 shutter_speed2, "
+                                 "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2")
+        ->required()->check(wordCheck(true));
+    std::string args[4];
+    CLI::Option* argOptions[4];
+    for (int i = 0; i < 4; ++i)
+        argOptions[i] = op->add_option("P" + std::to_string(i + 1), args[i], i == 0 ? "the arguments, each 0 to 0xFFFFFFFF "
+                                       "or \"size\": the payload's byte count" : "as P1")->check(wordCheck(false));
+    op->add_option("--payload", payload, "the file handed over with the operation")->type_name("FILE");
+    CLI::App* batch = app.add_subcommand("batch", "send the requests of a batch file, one a line: \"line WORDS...\" or "
+                                                  "\"op CODE [P1..P4] [payload=FILE]\", optionally after \"expect-fail\"; "
+                                                  "\"#\" starts a comment");
+    batch->add_option("FILE", batchPath, "the batch file")->required();
+    if (const int status = toolcli::Parse(app, argc, argv); status >= 0) return status;
+
+    const int timeoutMs = static_cast<int>(timeout * 1000), waitMs = static_cast<int>(wait * 1000);
     std::string root, error;
     if (!devroot::Use(given, root, error)) {
         std::fprintf(stderr, "pmode-pc: %s\n", error.c_str());
         return 2;
     }
-    std::string command = argv[i++];
 
     Request single;
-    std::string batchPath;
-    Batch batch;
-    if (command == "batch") {
-        if (i + 1 != argc) return usage();
-        batchPath = argv[i];
-        if (!loadBatch(batchPath, batch)) return 2;
-    } else if (command == "line" || command == "op") {
-        std::string text = command;
-        for (; i < argc; ++i) text += std::string(" ") + argv[i];
-        std::string error;
-        if (!parseRequest(text, "", single, error)) {
-            std::fprintf(stderr, "pmode-pc: %s\n", error.c_str());
-            return 2;
-        }
-    } else {
-        return usage();
+    Batch requests;
+    if (batch->parsed()) {
+        if (!loadBatch(batchPath, requests)) return 2;
+    } else if (op->parsed()) {
+        words.push_back(code);
+        for (int i = 0; i < 4; ++i)
+            if (argOptions[i]->count() > 0) words.push_back(args[i]);
+    }
+    if (!batch->parsed() && !parseRequest(requestText(line->parsed() ? "line" : "op", words, payload), "", single, error)) {
+        std::fprintf(stderr, "pmode-pc: %s\n", error.c_str());
+        return 2;
     }
 
     HostLinkClient client;
@@ -324,6 +347,6 @@ int main(int argc, char** argv)
                      root.c_str());
         return 3;
     }
-    if (!batchPath.empty()) return runBatch(client, batchPath, batch, timeoutMs);
+    if (batch->parsed()) return runBatch(client, batchPath, requests, timeoutMs);
     return runRequest(client, single, 1, timeoutMs) ? 0 : 1;
 }

@@ -1,8 +1,10 @@
 #include "RunLog.h"
 
+#include <nlohmann/json.hpp>
+
+#include <cmath>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 extern "C" __attribute__((visibility("default"))) void pmode_sim_note(const char* text)
 {
@@ -10,29 +12,6 @@ extern "C" __attribute__((visibility("default"))) void pmode_sim_note(const char
 }
 
 namespace {
-
-std::string jsonString(const std::string& text)
-{
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20) {
-                char escaped[8];
-                std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-                out += escaped;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out + "\"";
-}
 
 /// A command the host-link loop derived from a protocol operation: numeric
 /// arguments or a payload, or one of the sub-commands the loop puts in.
@@ -52,21 +31,22 @@ std::string commandText(const _tPM_Command& command)
     return text;
 }
 
-std::string recordJson(const CommandRecord& record)
+/// Milliseconds and seconds go into the report to the microsecond or millisecond.
+double rounded(double value, double steps)
 {
-    std::ostringstream json;
-    json << "{\"index\": " << record.index << ", \"worker\": " << jsonString(record.group)
-         << ", \"command\": " << jsonString(record.text) << ", \"protocol\": " << (record.protocol ? "true" : "false");
-    if (record.protocol)
-        json << ", \"args\": [" << record.args[0] << ", " << record.args[1] << ", " << record.args[2] << ", "
-             << record.args[3] << "]";
-    char ms[32];
-    std::snprintf(ms, sizeof ms, "%.3f", record.ms);
-    json << ", \"result\": " << record.result << ", \"passed\": " << (record.Passed() ? "true" : "false")
-         << ", \"ms\": " << ms << ", \"notes\": [";
-    for (size_t i = 0; i < record.notes.size(); ++i) json << (i ? ", " : "") << jsonString(record.notes[i]);
-    json << "]}";
-    return json.str();
+    return std::round(value * steps) / steps;
+}
+
+nlohmann::ordered_json recordJson(const CommandRecord& record)
+{
+    nlohmann::ordered_json json = {{"index", record.index}, {"worker", record.group}, {"command", record.text},
+                                   {"protocol", record.protocol}};
+    if (record.protocol) json["args"] = {record.args[0], record.args[1], record.args[2], record.args[3]};
+    json["result"] = record.result;
+    json["passed"] = record.Passed();
+    json["ms"] = rounded(record.ms, 1000.0);
+    json["notes"] = record.notes;
+    return json;
 }
 
 } // namespace
@@ -165,26 +145,29 @@ void RunLog::PrintSummary(const RunFacts& facts, FILE* out)
 bool RunLog::WriteJson(const RunFacts& facts, const std::string& path)
 {
     std::vector<CommandRecord> records = Records();
-    int failed = Failed();
-    std::ostringstream json;
-    json << "{\n  \"passed\": " << (facts.exitStatus == 0 ? "true" : "false") << ",\n  \"exit_status\": " << facts.exitStatus
-         << ",\n  \"mode\": " << jsonString(facts.mode) << ",\n  \"root\": " << jsonString(facts.root)
-         << ",\n  \"script\": " << jsonString(facts.script) << ",\n  \"resume_step\": " << facts.resumeStep
-         << ",\n  \"ending\": " << jsonString(facts.ending) << ",\n  \"aborted\": " << (facts.aborted ? "true" : "false");
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.3f", facts.seconds);
-    json << ",\n  \"total_seconds\": " << seconds << ",\n  \"commands_run\": " << records.size()
-         << ",\n  \"commands_passed\": " << records.size() - static_cast<size_t>(failed) << ",\n  \"commands_failed\": " << failed
-         << ",\n  \"failing_command\": ";
+    const int failed = Failed();
     CommandRecord failure;
-    json << (FirstFailure(failure) ? recordJson(failure) : "null") << ",\n  \"preflight\": [";
-    for (size_t i = 0; i < facts.preflight.size(); ++i) json << (i ? ", " : "") << jsonString(facts.preflight[i]);
-    json << "],\n  \"failed_checks\": " << facts.failedChecks << ",\n  \"faults\": [";
-    for (size_t i = 0; i < facts.faults.size(); ++i) json << (i ? ", " : "") << jsonString(facts.faults[i]);
-    json << "],\n  \"commands\": [";
-    for (size_t i = 0; i < records.size(); ++i) json << (i ? ",\n    " : "\n    ") << recordJson(records[i]);
-    json << (records.empty() ? "]\n}\n" : "\n  ]\n}\n");
+    nlohmann::ordered_json report = {{"passed", facts.exitStatus == 0},
+                                     {"exit_status", facts.exitStatus},
+                                     {"mode", facts.mode},
+                                     {"root", facts.root},
+                                     {"script", facts.script},
+                                     {"resume_step", facts.resumeStep},
+                                     {"ending", facts.ending},
+                                     {"aborted", facts.aborted},
+                                     {"total_seconds", rounded(facts.seconds, 1000.0)},
+                                     {"commands_run", records.size()},
+                                     {"commands_passed", records.size() - static_cast<size_t>(failed)},
+                                     {"commands_failed", failed},
+                                     {"failing_command", FirstFailure(failure) ? recordJson(failure) : nlohmann::ordered_json()},
+                                     {"preflight", facts.preflight},
+                                     {"failed_checks", facts.failedChecks},
+                                     {"faults", facts.faults},
+                                     {"commands", nlohmann::ordered_json::array()}};
+    for (const CommandRecord& record : records) report["commands"].push_back(recordJson(record));
+    // Script words need not be UTF-8: bytes that are not are replaced rather than refused.
+    const std::string text = report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
     std::ofstream file(path, std::ios::trunc);
-    file << json.str();
-    return static_cast<bool>(file);
+    file << text;
+    return static_cast<bool>(file.flush());
 }

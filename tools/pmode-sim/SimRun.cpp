@@ -10,23 +10,23 @@
 #include "PmodeSimHost.h"
 #include "RunLog.h"
 #include "ScriptChecker.h"
+#include "ToolCommandLine.h"
 #include "kernel.h"
 #include "vconf.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
-#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -48,9 +48,20 @@ std::atomic<bool> g_channelUp{false};
 // pre-flight checker (its reader reports what it finds in the script).
 unsigned long g_checksNotOfTheRun = 0;
 
-void onSignal(int)
+std::atomic<int> g_signal{0};
+
+void onSignal(int signal)
 {
+    g_signal = signal;
     g_stop = true;
+}
+
+/// Seconds as given ("0.5", "60").
+std::string secondsText(double seconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", seconds);
+    return text;
 }
 
 struct Options {
@@ -66,61 +77,26 @@ struct Options {
     bool quiet = false;
 };
 
-int usage()
-{
-    std::fputs("usage: pmode-sim [run] [--root DIR] [--card DIR] [--plugins DIR] [--host-link] [--step N]\n"
-               "                 [--serve-seconds SEC] [--timeout SEC] [--json FILE] [--force] [--quiet]\n"
-               "       pmode-sim check [--max N] [--quiet] SCRIPT\n"
-               "  --step N: 0 to 2147483647; SEC: a number of seconds above 0 (--serve-seconds: 0 or more)\n"
-               "  --force: run a script whose pre-flight check found errors (the run is FAILED all the same)\n"
-               "exit status: 0 the run passed; 1 the run failed (a command failed, a failed check was\n"
-               "reported, the pre-flight check found an error, no command ran, the adjust data could not\n"
-               "be initialised or saved); 2 bad usage or set-up; 3 the card starts no production run;\n"
-               "4 timed out or interrupted\n",
-               stderr);
-    return kExitUsage;
-}
+Options g_options;
 
-/// A whole decimal number from low to high; false for anything else.
-bool parseWhole(const std::string& text, long low, long high, long& value)
+/// Whether the report can be written, checked before the run: the file is opened
+/// for writing (made when missing, and removed again, so that a run stopped
+/// before its end leaves no empty report).
+bool reportWritable(const std::string& path, std::string& error)
 {
-    errno = 0;
-    char* end = nullptr;
-    value = std::strtol(text.c_str(), &end, 10);
-    return !text.empty() && *end == '\0' && errno == 0 && value >= low && value <= high;
-}
-
-/// A finite number of seconds, at least low (and above it when low is excluded).
-bool parseSeconds(const std::string& text, double low, bool lowAllowed, double& value)
-{
-    char* end = nullptr;
-    value = std::strtod(text.c_str(), &end);
-    return !text.empty() && *end == '\0' && std::isfinite(value) && (value > low || (lowAllowed && value == low));
-}
-
-bool parseOptions(int argc, char** argv, Options& options)
-{
-    for (int i = 0; i < argc; ++i) {
-        std::string option = argv[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= argc) return false;
-            out = argv[++i];
-            return true;
-        };
-        std::string text;
-        if (option == "--root") { if (!value(options.root)) return false; }
-        else if (option == "--card") { if (!value(options.card)) return false; }
-        else if (option == "--plugins") { if (!value(options.plugins)) return false; }
-        else if (option == "--json") { if (!value(options.json)) return false; }
-        else if (option == "--step") { if (!value(text) || !parseWhole(text, 0, INT32_MAX, options.step)) return false; }
-        else if (option == "--serve-seconds") { if (!value(text) || !parseSeconds(text, 0.0, true, options.serveSeconds)) return false; }
-        else if (option == "--timeout") { if (!value(text) || !parseSeconds(text, 0.0, false, options.timeoutSeconds)) return false; }
-        else if (option == "--host-link") options.hostLink = true;
-        else if (option == "--force") options.force = true;
-        else if (option == "--quiet") options.quiet = true;
-        else return false;
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+        close(fd);
+        unlink(path.c_str());
+        return true;
     }
-    return true;
+    const int existing = errno == EEXIST ? open(path.c_str(), O_WRONLY | O_CLOEXEC) : -1;
+    if (existing >= 0) {
+        close(existing);
+        return true;
+    }
+    error = "cannot write the report " + path + ": " + std::strerror(errno);
+    return false;
 }
 
 /// Makes the device root: the card, NAND and log directories; the card's files.
@@ -243,9 +219,10 @@ double since(std::chrono::steady_clock::time_point start)
 
 /// Ends the process at once after a run that did not come to its end: the
 /// controller's thread may still be inside a worker, so nothing is torn down.
-[[noreturn]] void abortRun(RunFacts& facts, const Options& options)
+[[noreturn]] void abortRun(RunFacts& facts, const Options& options, std::chrono::steady_clock::time_point start)
 {
     facts.aborted = true;
+    facts.seconds = since(start);
     facts.exitStatus = verdict(facts, kExitAborted);
     RunLog::Get().PrintSummary(facts, stdout);
     if (!options.json.empty()) RunLog::Get().WriteJson(facts, options.json);
@@ -265,9 +242,9 @@ int runScript(CProductionMode* controller, RunFacts& facts, const Options& optio
     });
     while (!done) {
         if (g_stop || since(start) > options.timeoutSeconds) {
-            facts.ending = g_stop ? "interrupted" : "timed out after " + std::to_string(static_cast<int>(options.timeoutSeconds)) + " s";
+            facts.ending = g_stop ? "interrupted" : "timed out after " + secondsText(options.timeoutSeconds) + " s";
             waiter.detach();
-            abortRun(facts, options);
+            abortRun(facts, options, start);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -306,18 +283,45 @@ int serveHostLink(CProductionMode* controller, RunFacts& facts, const Options& o
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     vconf_set_str(kSimStateKey, "stopped");
     controller->Finalize();
-    facts.ending = g_stop ? "stopped by a signal" : "served " + std::to_string(static_cast<int>(options.serveSeconds)) + " s";
+    // Serving until stopped is the whole job of a host-link camera: a stop is its end, not an interruption.
+    facts.ending = g_stop ? "stopped by " + std::string(g_signal == SIGTERM ? "SIGTERM" : "SIGINT")
+                          : "served " + secondsText(options.serveSeconds) + " s, then stopped";
     return RunLog::Get().Failed() > 0 ? kExitFailed : kExitPassed;
 }
 
 } // namespace
 
-int RunSimulator(int argc, char** argv)
+CLI::App* AddRunCommand(CLI::App& app)
 {
-    Options options;
-    if (!parseOptions(argc, argv, options)) return usage();
+    Options& options = g_options;
+    CLI::App* run = app.add_subcommand("run", "run the card as the camera would (the default command)");
+    run->add_option("--root", options.root, "the device root (PMODE_ROOT); default: a new /tmp/pmode-sim.XXXXXX; "
+                                            "one that resolves to the host's \"/\" is refused")->type_name("DIR");
+    run->add_option("--card", options.card, "copy the files of DIR onto the card (<root>/mnt/mmc/)")->type_name("DIR");
+    run->add_option("--plugins", options.plugins, "the worker plug-ins to load (default: " + options.plugins + ")")
+        ->type_name("DIR");
+    run->add_flag("--host-link", options.hostLink, "make the card a host-link card: write \"info.tgw\", remove "
+                                                   "\"info.tg\" and \"default.adj\"");
+    run->add_option("--step", options.step, "store N as the resume step (line value 135) before the run")
+        ->type_name("N")->transform(toolcli::Whole(0, INT32_MAX));
+    run->add_option("--serve-seconds", options.serveSeconds, "host-link mode: serve SEC seconds, then stop and pass "
+                                                             "(default: serve until SIGINT/SIGTERM)")
+        ->type_name("SEC")->check(toolcli::Seconds(0.0, true, 86400.0));
+    run->add_option("--timeout", options.timeoutSeconds, "script mode: give up after SEC seconds (default 600)")
+        ->type_name("SEC")->check(toolcli::Seconds(0.0, false, 86400.0));
+    run->add_option("--json", options.json, "write the machine-readable report to FILE (checked before the run)")
+        ->type_name("FILE");
+    run->add_flag("--force", options.force, "run a script whose pre-flight check found errors (the run is FAILED all "
+                                            "the same)");
+    run->add_flag("--quiet", options.quiet, "no line per command (the summary only)");
+    return run;
+}
+
+int RunSimulator()
+{
+    Options& options = g_options;
     std::string error;
-    if (!prepareRoot(options, error)) {
+    if (!prepareRoot(options, error) || (!options.json.empty() && !reportWritable(options.json, error))) {
         std::fprintf(stderr, "pmode-sim: %s\n", error.c_str());
         return kExitUsage;
     }

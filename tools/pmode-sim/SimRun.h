@@ -12,9 +12,11 @@
 //  --host-link       makes the card a host-link card: writes "info.tgw", removes
 //                    "info.tg" and "default.adj"
 //  --step N          stores N (0 to 2147483647) as the resume step (line value 135) before the run
-//  --serve-seconds SEC host-link mode: serve SEC seconds, then stop (default: until SIGINT/SIGTERM)
-//  --timeout SEC     script mode: give up after SEC seconds (above 0; default 600)
-//  --json FILE       writes the machine-readable report
+//  --serve-seconds SEC host-link mode: serve SEC seconds (0 to 86400), then stop
+//                    (default: until SIGINT/SIGTERM)
+//  --timeout SEC     script mode: give up after SEC seconds (above 0 to 86400; default 600)
+//  --json FILE       writes the machine-readable report; checked before anything runs
+//                    (a file that cannot be written is exit 2, nothing run)
 //  --force           runs the script even when its pre-flight check found errors
 //                    (without it such a script is not run); the run is FAILED all the same
 //  --quiet           no line per command (the summary only)
@@ -29,10 +31,28 @@
 // check ("Assertion Failed!", counted with pm::AssertionCount) from the adjust
 // data's initialisation to the end, and the adjust data were initialised.
 //
+// A host-link camera has no end of its own: it serves the PC until it is stopped.
+// A stop (SIGINT, SIGTERM, or the end of --serve-seconds) after the host channel
+// came up is the end of its job: the run passes when no request failed and no
+// failed check was reported, and the summary says how it ended ("stopped by
+// SIGINT", "served 60 s, then stopped"). A stop before the
+// channel came up is an interruption (exit 4). In script mode a signal or the
+// time-out interrupts the run (exit 4). Either way the elapsed time reported is
+// the real one.
+//
 // Exit status: 0 the run passed; 1 the run failed (a command failed, a failed
 // check was reported, the pre-flight check found an error, no command ran, the
-// adjust data could not be initialised or saved); 2 bad usage or set-up; 3 the
-// card starts no production run; 4 timed out or interrupted.
+// adjust data could not be initialised or saved); 2 a wrong argument or set-up
+// (the report file cannot be written, no plug-in worker, ...); 3 the card starts no
+// production run; 4 timed out or interrupted.
 
-/// Parses the options and runs the card. The process's exit status.
-int RunSimulator(int argc, char** argv);
+namespace CLI {
+class App;
+}
+
+/// Adds the "run" sub-command with the options above to app; main thread.
+CLI::App* AddRunCommand(CLI::App& app);
+
+/// Runs the card as the parsed options of the "run" sub-command say; main thread,
+/// once. The process's exit status.
+int RunSimulator();
