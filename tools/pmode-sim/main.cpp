@@ -77,7 +77,7 @@ int main(int argc, char** argv)
     CLI::App app("The simulated camera body: runs a memory card's production script, or serves a factory PC over "
                  "the host link, with the demo worker plug-ins; checks production scripts.",
                  "pmode-sim");
-    const std::string runStatuses = "0 the run passed; 1 the run failed (a command or request failed, a failed check "
+    const std::string runStatuses = "0 the run passed; 1 the run failed (a command of a script failed, a failed check "
                                     "was reported, the pre-flight check found an error, no command ran, the adjust data "
                                     "could not be initialised or saved); 2 a wrong argument or set-up (the report cannot "
                                     "be written, no worker, ...); 3 the card starts no production run; 4 timed out or "
