@@ -454,6 +454,7 @@ int diff(const RawImage& a, const RawImage& b)
     for (const RawRecord& record : b.records) inB[record.name] = &record;
 
     std::vector<std::string> names;
+    names.reserve(ADJUST_DATA_ID_MAX);
     for (int row = 0; row < ADJUST_DATA_ID_MAX; ++row) names.push_back(ADJUST_DATA_LIST[row].name);
     for (const auto* side : {&inA, &inB})
         for (const auto& entry : *side) {
@@ -848,7 +849,7 @@ int run(const Options& options)
 
 } // namespace
 
-int main(int argc, char** argv)
+static int runTool(int argc, char** argv)
 {
     g_checksBefore = pm::AssertionCount();
     Options options;
@@ -869,4 +870,9 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "adjtool: %s\n", error.what());
         return EXIT_USAGE;
     }
+}
+
+int main(int argc, char** argv)
+{
+    return toolcli::Guarded("adjtool", runTool, argc, argv);
 }

@@ -99,7 +99,7 @@ int setKey(const std::string& key, const std::string* text, int number)
 
 } // namespace
 
-int main(int argc, char** argv)
+static int runTool(int argc, char** argv)
 {
     CLI::App app("Gets, sets and watches keys of the simulated key-value store below a device root.", "pmode-kv");
     toolcli::Describe(app, "0 done; 1 a missing key or a refused set; 2 a wrong argument or no device root");
@@ -132,4 +132,9 @@ int main(int argc, char** argv)
     if (set->parsed()) return setKey(key, &value, 0);
     if (setInt->parsed()) return setKey(key, nullptr, number);
     return watch(keys, count);
+}
+
+int main(int argc, char** argv)
+{
+    return toolcli::Guarded("pmode-kv", runTool, argc, argv);
 }

@@ -100,7 +100,7 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
     int sizeArg = -1; // the argument that stands for the payload's size
     bool haveCode = false;
     for (size_t i = 0; i < words.size(); ++i) {
-        std::string word = words[i];
+        const std::string& word = words[i];
         std::string payloadPath;
         if (word == "--payload" && i + 1 < words.size()) payloadPath = words[++i];
         else if (word.rfind("payload=", 0) == 0) payloadPath = word.substr(8);
@@ -281,7 +281,7 @@ std::string requestText(const std::string& kind, const std::vector<std::string>&
 
 } // namespace
 
-int main(int argc, char** argv)
+static int runTool(int argc, char** argv)
 {
     CLI::App app("The factory PC: sends script lines and protocol operations to a running pmode-sim over the host link "
                  "and prints the answers.",
@@ -349,4 +349,9 @@ int main(int argc, char** argv)
     }
     if (batch->parsed()) return runBatch(client, batchPath, requests, timeoutMs);
     return runRequest(client, single, 1, timeoutMs) ? 0 : 1;
+}
+
+int main(int argc, char** argv)
+{
+    return toolcli::Guarded("pmode-pc", runTool, argc, argv);
 }

@@ -72,7 +72,7 @@ std::vector<char*> withCommand(int argc, char** argv)
 
 } // namespace
 
-int main(int argc, char** argv)
+static int runTool(int argc, char** argv)
 {
     CLI::App app("The simulated camera body: runs a memory card's production script, or serves a factory PC over "
                  "the host link, with the demo worker plug-ins; checks production scripts.",
@@ -92,4 +92,9 @@ int main(int argc, char** argv)
     std::vector<char*> words = withCommand(argc, argv);
     if (const int status = toolcli::Parse(app, static_cast<int>(words.size()), words.data()); status >= 0) return status;
     return run->parsed() ? RunSimulator() : runCheck(checkOptions);
+}
+
+int main(int argc, char** argv)
+{
+    return toolcli::Guarded("pmode-sim", runTool, argc, argv);
 }

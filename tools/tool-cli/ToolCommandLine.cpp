@@ -103,4 +103,18 @@ CLI::Validator Seconds(double low, bool lowIncluded, double high)
         range);
 }
 
+int Guarded(const char* tool, int (*body)(int, char**), int argc, char** argv) noexcept
+{
+    try {
+        return body(argc, argv);
+    }
+    catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", tool, error.what());
+    }
+    catch (...) {
+        std::fprintf(stderr, "%s: an unexpected error ended the work\n", tool);
+    }
+    return 1;
+}
+
 } // namespace toolcli

@@ -33,6 +33,11 @@ CLI::Validator Whole(long long low, long long high);
 /// (or equal to it when lowIncluded).
 CLI::Validator Seconds(double low, bool lowIncluded, double high);
 
+/// Runs the tool's body; an exception that escapes it (memory exhausted, a file
+/// system error) is reported as "<tool>: <what>" and ends the tool with exit 1,
+/// the work not done, instead of terminating the process.
+int Guarded(const char* tool, int (*body)(int, char**), int argc, char** argv) noexcept;
+
 /// Reads a whole number as Whole does; false for anything else (no range check).
 bool ParseWhole(const std::string& text, long long& value);
 
