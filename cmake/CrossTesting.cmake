@@ -1,0 +1,20 @@
+# Tests of a cross build (included by tests/CMakeLists.txt when cross-compiling).
+#
+# GoogleTest is built for the target from Debian's sources (the host's libgtest is
+# the host's architecture). ctest and gtest_discover_tests run the test programs
+# through CMAKE_CROSSCOMPILING_EMULATOR by themselves; the tests that start the built
+# tools by name find, first on their PATH, a wrapper per tool in
+# <build>/emulated-tools that runs the target's tool through the same emulator.
+set(PM_GOOGLETEST_SOURCE_DIR /usr/src/googletest CACHE PATH "GoogleTest sources built for the target")
+if(NOT EXISTS ${PM_GOOGLETEST_SOURCE_DIR}/CMakeLists.txt)
+  message(FATAL_ERROR "no GoogleTest sources in ${PM_GOOGLETEST_SOURCE_DIR} (Debian package googletest)")
+endif()
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+add_subdirectory(${PM_GOOGLETEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+
+list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " PM_EMULATOR_COMMAND)
+foreach(tool IN ITEMS pmode-sim pmode-pc pmode-kv adjtool)
+  file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/emulated-tools/${tool}
+       CONTENT "#!/bin/sh\nexec ${PM_EMULATOR_COMMAND} $<TARGET_FILE:${tool}> \"$@\"\n"
+       FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+endforeach()
