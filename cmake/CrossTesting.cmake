@@ -18,3 +18,12 @@ foreach(tool IN ITEMS pmode-sim pmode-pc pmode-kv adjtool)
        CONTENT "#!/bin/sh\nexec ${PM_EMULATOR_COMMAND} $<TARGET_FILE:${tool}> \"$@\"\n"
        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 endforeach()
+
+# The calibration data written by this build against a host build's (the presets
+# name build/default; CI builds it first).
+set(PM_HOST_BUILD_DIR "" CACHE PATH "A host build of this project whose calibration dumps this build's must equal")
+if(PM_HOST_BUILD_DIR)
+  get_filename_component(host_build ${PM_HOST_BUILD_DIR} ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
+  add_test(NAME cross.DumpsMatchHostBuild
+           COMMAND ${PROJECT_SOURCE_DIR}/tests/cross-arch-dumps.sh ${host_build} ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+endif()
