@@ -12,7 +12,14 @@ endif()
 set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
 add_subdirectory(${PM_GOOGLETEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
 
-list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " PM_EMULATOR_COMMAND)
+# The emulator by its full path: GoogleTest's death tests execute it without a PATH
+# search (tests/support/TestEnvironment.cpp).
+set(emulator_arguments ${CMAKE_CROSSCOMPILING_EMULATOR})
+list(POP_FRONT emulator_arguments emulator_name)
+find_program(PM_EMULATOR ${emulator_name} REQUIRED)
+list(JOIN emulator_arguments " " emulator_arguments)
+set(PM_EMULATOR_COMMAND "${PM_EMULATOR} ${emulator_arguments}")
+add_compile_definitions(PM_TEST_EMULATOR="${PM_EMULATOR_COMMAND}")
 foreach(tool IN ITEMS pmode-sim pmode-pc pmode-kv adjtool)
   file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/emulated-tools/${tool}
        CONTENT "#!/bin/sh\nexec ${PM_EMULATOR_COMMAND} $<TARGET_FILE:${tool}> \"$@\"\n"
