@@ -29,5 +29,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
 # ctest, gtest_discover_tests and the tests that start the built tools run the
-# target's programs through this (tests/CMakeLists.txt).
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR} -L /usr/${PM_TARGET_TRIPLE})
+# target's programs through this (cmake/CrossTesting.cmake): the C library from the
+# cross compiler's folder, zlib from PM_TARGET_DEPS whatever run path a program has.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR} -L /usr/${PM_TARGET_TRIPLE}
+    -E LD_LIBRARY_PATH=${PM_TARGET_DEPS}/usr/lib/${PM_TARGET_TRIPLE})
