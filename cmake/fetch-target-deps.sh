@@ -6,7 +6,6 @@ set -euo pipefail
 arch=$1 dest=$2
 download=$(mktemp -d)
 trap 'rm -rf "$download"' EXIT
-chmod 755 "$download" # apt's sandbox user writes here
 (cd "$download" && apt-get download -q -o APT::Sandbox::User=root "zlib1g:$arch" "zlib1g-dev:$arch")
 rm -rf "$dest"
 mkdir -p "$dest"
