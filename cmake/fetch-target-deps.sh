@@ -9,6 +9,7 @@ trap 'rm -rf "$download"' EXIT
 (cd "$download" && apt-get download -q -o APT::Sandbox::User=root "zlib1g:$arch" "zlib1g-dev:$arch")
 rm -rf "$dest"
 mkdir -p "$dest"
+dest=$(cd "$dest" && pwd)
 for deb in "$download"/*.deb; do dpkg-deb -x "$deb" "$dest"; done
 # One library folder, as on a merged-/usr system, so that the folder the linker
 # found libz.so in (the programs' run path) also holds libz.so.1; and links that
