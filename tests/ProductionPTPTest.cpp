@@ -1,6 +1,7 @@
 // The host message channel over the simulated key-value store, driven directly.
 #include "ControllerTestKit.h"
 #include "OperationTypeHook.h"
+#include "PmodeToolRun.h"
 
 #include <cstdio>
 #include <memory>
@@ -86,7 +87,7 @@ TEST_F(ProductionPTPTest, ScriptLinesAreHandedOverOneAtATimeAndAnsweredParam3Fir
 
 TEST_F(ProductionPTPTest, RequestFromAnotherProcessIsServedAndItsAnswerReadThere)
 {
-    const std::string tool = std::getenv("PM_TEST_BINARY_DIR") + std::string("/tools/pmode-kv/pmode-kv"); // the PC's side
+    const std::string tool = pmtool::kToolsFirst + "pmode-kv"; // the PC's side
     ASSERT_TRUE(channel.Mount());
     const std::string keys = std::string(kAnswerKeys[0]) + " " + kAnswerKeys[1] + " " + kAnswerKeys[2];
     FILE* watcher = popen((tool + " watch -n 3 " + keys).c_str(), "r");

@@ -178,7 +178,7 @@ ReadResult readFramed(const std::string& hostPath, const Group& g, unsigned char
         uint32_t crc = crcUpdate(0, &head[8], 8);
         size_t got = 0;
         while (got < g.size) {
-            const ssize_t n = readFully(fd, image + got, std::min(kReadChunk, g.size - got));
+            const ssize_t n = readFully(fd, image + got, std::min<size_t>(kReadChunk, g.size - got));
             if (n <= 0) break;
             crc = crcUpdate(crc, image + got, static_cast<size_t>(n));
             got += static_cast<size_t>(n);
