@@ -29,13 +29,19 @@ void BM_RecordAtFullWindow(benchmark::State& state)
     CAdjustLogMachine* log = CAdjustLogMachine::GetInstance();
     const bool turnedOn = state.range(0) != 0;
     if (turnedOn) log->TurnOn();
-    const int floorFile = open(Root().Host("/adj/floor.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    const int floorFile =
+        open(Root().Host("/adj/floor.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (floorFile < 0) std::abort();
     const std::string line = "257#Header Write Fail 280, 140\n";
     pmbench::AgainstFloor(
-        state, [&] { if (!log->Log("Header Write Fail %d, %d", 280, 140)) state.SkipWithError("record not written"); },
+        state,
         [&] {
-            if (write(floorFile, line.data(), line.size()) != static_cast<ssize_t>(line.size()) || fdatasync(floorFile) != 0) std::abort();
+            if (!log->Log("Header Write Fail %d, %d", 280, 140)) state.SkipWithError("record not written");
+        },
+        [&] {
+            if (write(floorFile, line.data(), line.size()) != static_cast<ssize_t>(line.size())
+                || fdatasync(floorFile) != 0)
+                std::abort();
         });
     close(floorFile);
     log->TurnOff();

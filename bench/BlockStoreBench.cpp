@@ -87,7 +87,10 @@ void BM_PreferenceSave(benchmark::State& state)
     const std::vector<unsigned char> group(20 + 5294098, 0x5A);
     const std::string floorFile = Root().Host("/mnt/ubi1/pref/floor.bin");
     pmbench::AgainstFloor(
-        state, [&] { if (pref_save(3) != 0) state.SkipWithError("pref_save failed"); },
+        state,
+        [&] {
+            if (pref_save(3) != 0) state.SkipWithError("pref_save failed");
+        },
         [&] { pmbench::AtomicSave(floorFile, group); });
 }
 BENCHMARK(BM_PreferenceSave)->UseManualTime()->Unit(benchmark::kMillisecond);

@@ -115,7 +115,11 @@ void BM_HostLinkRoundTrip(benchmark::State& state)
         return;
     }
     pmbench::AgainstFloor(
-        state, [&] { if (!peers.Request()) state.SkipWithError("no answer"); }, [&] { peers.PingPong(); });
+        state,
+        [&] {
+            if (!peers.Request()) state.SkipWithError("no answer");
+        },
+        [&] { peers.PingPong(); });
     state.counters["requests_per_s"] = state.counters["op_ns"] > 0 ? 1e9 / state.counters["op_ns"] : 0;
 }
 BENCHMARK(BM_HostLinkRoundTrip)->UseManualTime()->Unit(benchmark::kMicrosecond);

@@ -27,7 +27,8 @@ std::string makeScript(int steps)
 }
 
 /// The floor: the words of every line, found in one pass over text read in one go.
-size_t splitLinesAndWords(const std::vector<unsigned char>& text, size_t size, std::vector<std::pair<size_t, size_t>>& words)
+size_t splitLinesAndWords(const std::vector<unsigned char>& text, size_t size,
+                          std::vector<std::pair<size_t, size_t>>& words)
 {
     words.clear();
     size_t lines = 0;

@@ -16,9 +16,9 @@
 // Saving the group writes 5.3 MB, so the device root lives on a tmpfs.
 
 #include "AdjustDataList.h"
-#include "CAdjustDataManager.h"
-#include "AdjustGroupLayout.h"
 #include "AdjustDataTypes.h"
+#include "AdjustGroupLayout.h"
+#include "CAdjustDataManager.h"
 #include "FuzzSupport.h"
 #include "pref.h"
 #include "pref_sim.h"

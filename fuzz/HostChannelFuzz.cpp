@@ -134,8 +134,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         for (int step = 0; step < kMaxSteps && !in.Empty(); ++step) {
             const bool free = channel.GetPTPMessageType() == PTP_MSG_NONE;
             switch (in.Byte() % 9) {
-            case 0: if (free) notifyScript(channel, in); break;
-            case 1: if (free) notifyProtocol(channel, in); break;
+            case 0:
+                if (free) notifyScript(channel, in);
+                break;
+            case 1:
+                if (free) notifyProtocol(channel, in);
+                break;
             case 2: setProtocolKeys(in); break;
             case 3: leavePayload(in); break;
             case 4: channel.ReadScript(); break;

@@ -66,8 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     // Back over the script, then a second mount of the same file and one of a
     // missing file, which keeps the text loaded.
-    while (script.prevLine()) {
-    }
+    while (script.prevLine()) {}
     script.Mount(kScriptPath);
     script.Mount("/mnt/mmc/missing.txt");
     script.Parsing();

@@ -27,7 +27,8 @@ BenchRoot::BenchRoot()
     m_dir = pattern;
     setenv("PMODE_ROOT", m_dir.c_str(), 1);
     // The folders a booted camera has and the library writes to without creating them.
-    for (const char* dir : {"/mnt/mmc", "/mnt/ubi1/log", "/mnt/ubi1/pref", "/adj", "/var/log", "/var/run/memory/private", "/tmp"}) {
+    for (const char* dir :
+         {"/mnt/mmc", "/mnt/ubi1/log", "/mnt/ubi1/pref", "/adj", "/var/log", "/var/run/memory/private", "/tmp"}) {
         std::filesystem::create_directories(m_dir + dir);
     }
 }

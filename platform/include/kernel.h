@@ -49,8 +49,7 @@ int kernel_system(const char* command);
 /// target that is not mounted, EPERM without a root directory, or the errno a
 /// test asked for). Recorded as
 /// kernel_system is. Any thread.
-int kernel_mount(const char* source, const char* target, const char* fstype, unsigned long flags,
-                 const void* data);
+int kernel_mount(const char* source, const char* target, const char* fstype, unsigned long flags, const void* data);
 
 #ifdef __cplusplus
 }

@@ -37,8 +37,10 @@ extern "C" int __dlog_print(int log_id, int prio, const char* tag, const char* f
     va_list args;
     va_start(args, fmt);
     int length = 0;
-    if (fmt != nullptr) length = std::vsnprintf(text, sizeof text, fmt, args);
-    else text[0] = '\0';
+    if (fmt != nullptr)
+        length = std::vsnprintf(text, sizeof text, fmt, args);
+    else
+        text[0] = '\0';
     va_end(args);
     if (length < 0) return -1;
 
@@ -50,8 +52,8 @@ extern "C" int __dlog_print(int log_id, int prio, const char* tag, const char* f
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
 
     // One write() per line with O_APPEND keeps lines whole across threads and processes.
-    std::string line = std::string(stamp) + "." + std::to_string(now.tv_usec / 1000) + " " + priorityLetter(prio)
-        + "/" + (tag != nullptr ? tag : "") + "(" + std::to_string(log_id) + "): " + text;
+    std::string line = std::string(stamp) + "." + std::to_string(now.tv_usec / 1000) + " " + priorityLetter(prio) + "/"
+                       + (tag != nullptr ? tag : "") + "(" + std::to_string(log_id) + "): " + text;
     if (line.empty() || line.back() != '\n') line += '\n';
 
     std::error_code ignored;

@@ -136,8 +136,7 @@ int run(const Statement& s)
     namespace fs = std::filesystem;
     std::error_code ec;
     switch (s.kind) {
-    case Statement::Sync:
-        return 0;
+    case Statement::Sync: return 0;
     case Statement::UbiAttach: {
         const std::string node = KernelPath(s.path.c_str());
         if (fs::exists(node, ec)) return 1; // "cannot attach: File exists"

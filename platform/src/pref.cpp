@@ -302,12 +302,8 @@ int loadFromNand(Group& g)
     case ReadResult::Ok:
         if (copy) std::memcpy(g.image, copy.get(), g.size);
         break;
-    case ReadResult::Missing:
-        fillDefaults(g);
-        break;
-    case ReadResult::Refused:
-        report("pref: NAND copy refused (%s), group %d\n", why, g.id);
-        return -1;
+    case ReadResult::Missing: fillDefaults(g); break;
+    case ReadResult::Refused: report("pref: NAND copy refused (%s), group %d\n", why, g.id); return -1;
     }
     g.loaded = true;
     g.nandUnread = false;

@@ -16,8 +16,8 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -151,7 +151,7 @@ bool replaceValueFile(const std::string& path, int type, const std::string& valu
 {
     const std::string header = std::to_string(type) + " " + std::to_string(value.size()) + "\n";
     const std::string temp = path + ".tmp." + std::to_string(getpid()) + "."
-        + std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id()));
+                             + std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id()));
     int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) return false;
     bool ok = writeAll(fd, header.data(), header.size()) && writeAll(fd, value.data(), value.size());
@@ -163,8 +163,8 @@ bool replaceValueFile(const std::string& path, int type, const std::string& valu
 
 bool appendJournal(const char* key, int type, const std::string& value)
 {
-    JournalHeader header{kJournalMagic, static_cast<uint32_t>(std::strlen(key)),
-                         static_cast<uint32_t>(value.size()), type};
+    JournalHeader header{kJournalMagic, static_cast<uint32_t>(std::strlen(key)), static_cast<uint32_t>(value.size()),
+                         type};
     std::string record(reinterpret_cast<const char*>(&header), sizeof header);
     record += key;
     record += value;

@@ -136,9 +136,8 @@ public:
         lock.unlock();
         Poke();
         lock.lock();
-        const bool done = m_idle.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-            return m_journal == journal && m_offset >= target && !m_delivering;
-        });
+        const bool done = m_idle.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                          [&] { return m_journal == journal && m_offset >= target && !m_delivering; });
         return done ? 0 : -1;
     }
 
@@ -266,12 +265,10 @@ private:
         poll(fds, 2, 50);
         char drain[4096];
         if (m_wake >= 0) {
-            while (read(m_wake, drain, sizeof(uint64_t)) > 0) {
-            }
+            while (read(m_wake, drain, sizeof(uint64_t)) > 0) {}
         }
         if (m_inotify >= 0) {
-            while (read(m_inotify, drain, sizeof drain) > 0) {
-            }
+            while (read(m_inotify, drain, sizeof drain) > 0) {}
         }
     }
 

@@ -63,9 +63,9 @@
 #include "CAdjustData.h"
 #include "CAdjustDataManager.h"
 #include "DeviceRoot.h"
-#include "ToolCommandLine.h"
 #include "LineDataList.h"
 #include "PMReport.h"
+#include "ToolCommandLine.h"
 #include "pref.h"
 
 namespace fs = std::filesystem;
@@ -107,8 +107,8 @@ void requireNoFailedCheck(const std::string& what)
 {
     const unsigned long reported = pm::AssertionCount() - g_checksBefore;
     if (reported == 0) return;
-    throw NotDone{"the library reported " + std::to_string(reported) + " failed check" + (reported == 1 ? "" : "s") +
-                  " (\"Assertion Failed!\" above): " + what};
+    throw NotDone{"the library reported " + std::to_string(reported) + " failed check" + (reported == 1 ? "" : "s")
+                  + " (\"Assertion Failed!\" above): " + what};
 }
 
 bool isCountryDerived(int id)
@@ -292,8 +292,8 @@ Bytes parseValue(int id, const std::string& text, unsigned long size)
         return bytes;
     }
     if (bytes.size() > size)
-        throw UsageError{"value of " + std::to_string(bytes.size()) + " bytes does not fit " + name + " (" +
-                         std::to_string(size) + " bytes)"};
+        throw UsageError{"value of " + std::to_string(bytes.size()) + " bytes does not fit " + name + " ("
+                         + std::to_string(size) + " bytes)"};
     bytes.resize(size, 0);
     return bytes;
 }
@@ -322,7 +322,8 @@ struct RawImage {
     }
     bool bodyHolds(const RawRecord& record) const
     {
-        return bodyLength >= 0 && static_cast<uint64_t>(record.offset) + record.size <= static_cast<uint64_t>(bodyLength);
+        return bodyLength >= 0
+               && static_cast<uint64_t>(record.offset) + record.size <= static_cast<uint64_t>(bodyLength);
     }
     Bytes itemBytes(const RawRecord& record) const
     {
@@ -379,15 +380,19 @@ int verify(const RawImage& image)
 
     for (const auto& [offset, marker] : {std::pair{MARKER1_OFFSET, MARKER1}, std::pair{MARKER2_OFFSET, MARKER2}}) {
         if (image.group[offset] == marker) continue;
-        std::snprintf(text, sizeof(text), "marker byte at %lu is 0x%02x, expected 0x%02x", offset, image.group[offset], marker);
+        std::snprintf(text, sizeof(text), "marker byte at %lu is 0x%02x, expected 0x%02x", offset, image.group[offset],
+                      marker);
         report(text);
     }
     if (image.headerLength < 0 || image.headerLength > HEADER_CAPACITY)
-        report("header area length " + std::to_string(image.headerLength) + " is outside 0.." + std::to_string(HEADER_CAPACITY));
+        report("header area length " + std::to_string(image.headerLength) + " is outside 0.."
+               + std::to_string(HEADER_CAPACITY));
     else if (image.headerLength % RECORD_SIZE != 0)
-        report("header area length " + std::to_string(image.headerLength) + " is not a whole number of " + std::to_string(RECORD_SIZE) + "-byte records");
+        report("header area length " + std::to_string(image.headerLength) + " is not a whole number of "
+               + std::to_string(RECORD_SIZE) + "-byte records");
     if (image.bodyLength < 0 || image.bodyLength > BODY_CAPACITY)
-        report("body area length " + std::to_string(image.bodyLength) + " is outside 0.." + std::to_string(BODY_CAPACITY));
+        report("body area length " + std::to_string(image.bodyLength) + " is outside 0.."
+               + std::to_string(BODY_CAPACITY));
 
     std::map<std::string, size_t> seen;
     uint64_t expectedOffset = 0;
@@ -401,37 +406,36 @@ int verify(const RawImage& image)
         if (id < 0) {
             report(where + ": not in the catalogue");
         } else if (record.size != ADJUST_DATA_LIST[id].size) {
-            report(where + ": size " + std::to_string(record.size) + ", catalogue size " +
-                   std::to_string(ADJUST_DATA_LIST[id].size));
+            report(where + ": size " + std::to_string(record.size) + ", catalogue size "
+                   + std::to_string(ADJUST_DATA_LIST[id].size));
         }
         auto previous = seen.find(record.name);
-        if (previous != seen.end())
-            report(where + ": same name as record " + std::to_string(previous->second));
+        if (previous != seen.end()) report(where + ": same name as record " + std::to_string(previous->second));
         seen[record.name] = i;
         if (record.offset != expectedOffset)
-            report(where + ": offset " + std::to_string(record.offset) + ", expected " +
-                   std::to_string(expectedOffset) + (record.offset > expectedOffset ? " (gap)" : " (overlap)"));
+            report(where + ": offset " + std::to_string(record.offset) + ", expected " + std::to_string(expectedOffset)
+                   + (record.offset > expectedOffset ? " (gap)" : " (overlap)"));
         if (!image.bodyHolds(record))
-            report(where + ": bytes " + std::to_string(record.offset) + ".." +
-                   std::to_string(static_cast<uint64_t>(record.offset) + record.size) + " pass the body area's end " +
-                   std::to_string(image.bodyLength));
+            report(where + ": bytes " + std::to_string(record.offset) + ".."
+                   + std::to_string(static_cast<uint64_t>(record.offset) + record.size) + " pass the body area's end "
+                   + std::to_string(image.bodyLength));
         expectedOffset = static_cast<uint64_t>(record.offset) + record.size;
     }
     for (int row = 0; row < ADJUST_DATA_ID_MAX; ++row)
         if (seen.find(ADJUST_DATA_LIST[row].name) == seen.end())
-            report(std::string("catalogue item ") + std::to_string(row) + " (" + ADJUST_DATA_LIST[row].name +
-                   ") has no record");
+            report(std::string("catalogue item ") + std::to_string(row) + " (" + ADJUST_DATA_LIST[row].name
+                   + ") has no record");
     if (image.bodyLength >= 0 && expectedOffset != static_cast<uint64_t>(image.bodyLength))
-        report("the records end at " + std::to_string(expectedOffset) + ", the body area holds " +
-               std::to_string(image.bodyLength) + " bytes");
+        report("the records end at " + std::to_string(expectedOffset) + ", the body area holds "
+               + std::to_string(image.bodyLength) + " bytes");
 
     for (const std::string& problem : problems) std::printf("verify: %s\n", problem.c_str());
     if (!problems.empty()) {
         std::printf("verify: FAILED, %zu problem(s) in %s\n", problems.size(), image.label.c_str());
         return EXIT_FOUND;
     }
-    std::printf("verify: OK, %zu items, header %ld bytes, body %ld bytes\n", image.records.size(),
-                image.headerLength, image.bodyLength);
+    std::printf("verify: OK, %zu items, header %ld bytes, body %ld bytes\n", image.records.size(), image.headerLength,
+                image.bodyLength);
     return EXIT_OK;
 }
 
@@ -443,8 +447,8 @@ std::string describeDifference(const Bytes& a, const Bytes& b)
         if (a[i] == b[i]) continue;
         if (differing++ == 0) first = i;
     }
-    return "first difference at byte " + std::to_string(first) + ", " + std::to_string(differing) + " of " +
-           std::to_string(a.size()) + " bytes differ";
+    return "first difference at byte " + std::to_string(first) + ", " + std::to_string(differing) + " of "
+           + std::to_string(a.size()) + " bytes differ";
 }
 
 int diff(const RawImage& a, const RawImage& b)
@@ -506,7 +510,8 @@ CAdjustDataManager* startManager()
 {
     CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
     manager->Initialize();
-    requireNoFailedCheck("the adjust data could not be initialised and saved ('adjtool verify' shows the store as it is)");
+    requireNoFailedCheck(
+        "the adjust data could not be initialised and saved ('adjtool verify' shows the store as it is)");
     return manager;
 }
 
@@ -622,7 +627,8 @@ void commandSet(CAdjustDataManager* manager, int id, const std::string& valueTex
     } else {
         CAdjustData* item = manager->find(id);
         if (item == nullptr) throw NotDone{itemName(id) + " is missing from the store"};
-        Bytes bytes = parseValue(id, valueText, static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE)));
+        Bytes bytes =
+            parseValue(id, valueText, static_cast<unsigned long>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE)));
         if (!manager->SetData(id, bytes.data(), bytes.size(), true)) throw NotDone{refused};
     }
     requireNoFailedCheck(itemName(id) + " was not saved" + unchanged);
@@ -632,7 +638,8 @@ void commandSet(CAdjustDataManager* manager, int id, const std::string& valueTex
 int commandReset(CAdjustDataManager* manager, const std::string& itemText)
 {
     if (lowerCase(itemText) == "line") {
-        if (!manager->ResetData(LINE_DATA_ID_FIRST)) throw NotDone{"the line values were not reset: the library refused"};
+        if (!manager->ResetData(LINE_DATA_ID_FIRST))
+            throw NotDone{"the line values were not reset: the library refused"};
         requireNoFailedCheck("the line values were not reset");
         return -1;
     }
@@ -668,7 +675,8 @@ struct Options {
 };
 
 constexpr const char* kExitStatuses =
-    "0 done (verify found nothing, diff found no difference); 1 problems or differences found, or the work was not done "
+    "0 done (verify found nothing, diff found no difference); 1 problems or differences found, or the work was not "
+    "done "
     "(the library refused it or reported a failed check); 2 a wrong argument, bad input or no device root";
 
 /// The command line; the tool's exit status when it ends here (help, version, a wrong argument), else -1.
@@ -678,9 +686,12 @@ int parseOptions(int argc, char** argv, Options& options)
                  "dump file, dumps and loads images, verifies and compares them.",
                  "adjtool");
     toolcli::Describe(app, kExitStatuses);
-    CLI::Option* root = app.add_option("--root", options.root, "the simulated device (default: $PMODE_ROOT; never the "
-                                                                "host's \"/\")")->type_name("DIR");
-    app.add_option("--image", options.image, "work on a dump file instead of the device's NAND")->type_name("FILE")
+    CLI::Option* root = app.add_option("--root", options.root,
+                                       "the simulated device (default: $PMODE_ROOT; never the "
+                                       "host's \"/\")")
+                            ->type_name("DIR");
+    app.add_option("--image", options.image, "work on a dump file instead of the device's NAND")
+        ->type_name("FILE")
         ->excludes(root);
     app.require_subcommand(1);
     std::string first, second; // the operands
@@ -697,14 +708,23 @@ int parseOptions(int argc, char** argv, Options& options)
     get->add_option("--out", out, "write the bytes into FILE")->type_name("FILE");
     CLI::App* set = app.add_subcommand("set", "write and save one item or line value");
     set->add_option("ITEM", first, item)->required()->each(givenFirst);
-    set->add_option("VALUE", second, "a number (12, 0x7f, -3), text:STR, hex:0a0b.., file:PATH (text, hex and file "
-                                       "are padded with zero bytes to the item's size)")->required()->each(givenSecond);
+    set->add_option("VALUE", second,
+                    "a number (12, 0x7f, -3), text:STR, hex:0a0b.., file:PATH (text, hex and file "
+                    "are padded with zero bytes to the item's size)")
+        ->required()
+        ->each(givenSecond);
     app.add_subcommand("reset", "give an item its default value and save it; 'reset line' resets all line values")
-        ->add_option("ITEM", first, item + ", or \"line\"")->required()->each(givenFirst);
+        ->add_option("ITEM", first, item + ", or \"line\"")
+        ->required()
+        ->each(givenFirst);
     app.add_subcommand("dump", "save the device's adjust group to FILE (not with --image)")
-        ->add_option("FILE", first, "the dump file")->required()->each(givenFirst);
+        ->add_option("FILE", first, "the dump file")
+        ->required()
+        ->each(givenFirst);
     app.add_subcommand("load", "replace the device's adjust group by FILE (not with --image)")
-        ->add_option("FILE", first, "the dump file")->required()->each(givenFirst);
+        ->add_option("FILE", first, "the dump file")
+        ->required()
+        ->each(givenFirst);
     app.add_subcommand("verify", "check markers, header records against the catalogue and gap-free offsets");
     CLI::App* diff = app.add_subcommand("diff", "compare two images item by item (not with --image); two files need no "
                                                 "device root");
@@ -725,7 +745,8 @@ public:
     ScratchRoot()
     {
         char pattern[] = "/tmp/adjtool.XXXXXX";
-        if (mkdtemp(pattern) == nullptr) throw UsageError{std::string("cannot make a scratch root: ") + std::strerror(errno)};
+        if (mkdtemp(pattern) == nullptr)
+            throw UsageError{std::string("cannot make a scratch root: ") + std::strerror(errno)};
         m_dir = pattern;
     }
     ~ScratchRoot()
@@ -760,8 +781,9 @@ int runDeviceCommand(const Options& options)
         if (!manager->LoadDataFromFile(path.data())) {
             // The preference store refuses a bad file before anything changes on NAND.
             if (pm::AssertionCount() == g_checksBefore)
-                throw NotDone{words[1] + " was refused (truncated, corrupt or not an adjust dump); the adjust data on "
-                              "NAND are unchanged"};
+                throw NotDone{words[1]
+                              + " was refused (truncated, corrupt or not an adjust dump); the adjust data on "
+                                "NAND are unchanged"};
             throw NotDone{"loading " + words[1] + " failed part way: check the device with 'adjtool verify'"};
         }
         requireNoFailedCheck("the adjust data loaded from " + words[1] + " were not saved on the device");
@@ -822,8 +844,8 @@ int runDeviceCommand(const Options& options)
 int run(const Options& options)
 {
     const std::string& command = options.words[0];
-    const bool filesOnly = command == "diff" && options.words.size() == 3 && options.words[1] != DEVICE_OPERAND &&
-                           options.words[2] != DEVICE_OPERAND;
+    const bool filesOnly = command == "diff" && options.words.size() == 3 && options.words[1] != DEVICE_OPERAND
+                           && options.words[2] != DEVICE_OPERAND;
     // A diff of two files reads no device: it works on a scratch root, as --image does.
     std::optional<ScratchRoot> scratch;
     if (!options.image.empty() || filesOnly) {
@@ -858,15 +880,18 @@ static int runTool(int argc, char** argv)
         const int status = run(options);
         requireNoFailedCheck("the work may not be done");
         return status;
-    } catch (const NotDone& failure) {
+    }
+    catch (const NotDone& failure) {
         std::fflush(stdout);
         std::fprintf(stderr, "adjtool: %s\n", failure.message.c_str());
         return EXIT_FOUND;
-    } catch (const UsageError& error) {
+    }
+    catch (const UsageError& error) {
         std::fprintf(stderr, "adjtool: %s\n", error.message.c_str());
         std::fprintf(stderr, "run 'adjtool --help' for the commands and options\n");
         return EXIT_USAGE;
-    } catch (const std::exception& error) {
+    }
+    catch (const std::exception& error) {
         std::fprintf(stderr, "adjtool: %s\n", error.what());
         return EXIT_USAGE;
     }

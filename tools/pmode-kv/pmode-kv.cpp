@@ -92,7 +92,8 @@ int watch(const std::vector<std::string>& keys, long count)
 
 int setKey(const std::string& key, const std::string* text, int number)
 {
-    if ((text != nullptr ? vconf_set_str(key.c_str(), text->c_str()) : vconf_set_int(key.c_str(), number)) == 0) return 0;
+    if ((text != nullptr ? vconf_set_str(key.c_str(), text->c_str()) : vconf_set_int(key.c_str(), number)) == 0)
+        return 0;
     std::fprintf(stderr, "pmode-kv: cannot set key %s\n", key.c_str());
     return 1;
 }
@@ -107,7 +108,8 @@ static int runTool(int argc, char** argv)
     std::vector<std::string> keys;
     int number = 0;
     long count = -1;
-    app.add_option("--root", given, std::string("the device root (default: $PMODE_ROOT); ") + devroot::kHowToGive)->type_name("DIR");
+    app.add_option("--root", given, std::string("the device root (default: $PMODE_ROOT); ") + devroot::kHowToGive)
+        ->type_name("DIR");
     app.require_subcommand(1);
     CLI::App* get = app.add_subcommand("get", "print the value of KEY (integer or string)");
     get->add_option("KEY", key, "the key")->required();
@@ -116,9 +118,13 @@ static int runTool(int argc, char** argv)
     set->add_option("VALUE", value, "the string")->required();
     CLI::App* setInt = app.add_subcommand("set-int", "set KEY to the integer N");
     setInt->add_option("KEY", key, "the key")->required();
-    setInt->add_option("N", number, "the integer, decimal or 0x hexadecimal")->required()->transform(toolcli::Whole(INT_MIN, INT_MAX));
-    CLI::App* watchKeys = app.add_subcommand("watch", "print \"watching\", then KEY=VALUE for every set of a KEY, in order");
-    watchKeys->add_option("-n", count, "stop after COUNT lines (default: on SIGINT/SIGTERM)")->type_name("COUNT")
+    setInt->add_option("N", number, "the integer, decimal or 0x hexadecimal")
+        ->required()
+        ->transform(toolcli::Whole(INT_MIN, INT_MAX));
+    CLI::App* watchKeys =
+        app.add_subcommand("watch", "print \"watching\", then KEY=VALUE for every set of a KEY, in order");
+    watchKeys->add_option("-n", count, "stop after COUNT lines (default: on SIGINT/SIGTERM)")
+        ->type_name("COUNT")
         ->transform(toolcli::Whole(1, INT_MAX));
     watchKeys->add_option("KEY", keys, "the keys")->required();
     if (const int status = toolcli::Parse(app, argc, argv); status >= 0) return status;

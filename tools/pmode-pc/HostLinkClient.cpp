@@ -78,8 +78,11 @@ const char* HostLinkClient::OperationName(uint32_t code)
     static const struct {
         uint32_t code;
         const char* name;
-    } kOperations[] = {{0x10011000u, "shutter_speed2"}, {0x10021000u, "cis_data2"}, {0x10021001u, "cis_data_info"},
-                       {0x10030000u, "rtc2"}, {0x10040000u, "paf2"}};
+    } kOperations[] = {{0x10011000u, "shutter_speed2"},
+                       {0x10021000u, "cis_data2"},
+                       {0x10021001u, "cis_data_info"},
+                       {0x10030000u, "rtc2"},
+                       {0x10040000u, "paf2"}};
     for (const auto& operation : kOperations)
         if (operation.code == code) return operation.name;
     return nullptr;
@@ -122,7 +125,8 @@ HostAnswer HostLinkClient::SendLine(const std::string& line, int timeoutMs)
     return waitAnswer(timeoutMs);
 }
 
-HostAnswer HostLinkClient::SendOperation(uint32_t code, const uint32_t args[4], const std::string* payload, int timeoutMs)
+HostAnswer HostLinkClient::SendOperation(uint32_t code, const uint32_t args[4], const std::string* payload,
+                                         int timeoutMs)
 {
     clearEvents();
     // The camera reads the payload file with every operation: it exists only for an operation that has one.
@@ -144,8 +148,10 @@ void HostLinkClient::onAnswer(struct _keynode_t* node, void* self)
     auto* client = static_cast<HostLinkClient*>(self);
     Event event;
     event.key = vconf_keynode_get_name(node);
-    if (vconf_keynode_get_type(node) == VCONF_TYPE_INT) event.number = vconf_keynode_get_int(node);
-    else if (const char* text = vconf_keynode_get_str(node)) event.text = text;
+    if (vconf_keynode_get_type(node) == VCONF_TYPE_INT)
+        event.number = vconf_keynode_get_int(node);
+    else if (const char* text = vconf_keynode_get_str(node))
+        event.text = text;
     std::lock_guard<std::mutex> lock(client->m_mutex);
     client->m_events.push_back(std::move(event));
     client->m_changed.notify_all();

@@ -17,8 +17,8 @@
 
 struct HostAnswer {
     enum Kind { NONE, RESPONSE, STREAM, FILE_PATH } kind = NONE; ///< NONE: no answer in time
-    uint32_t code = 0, value2 = 0, value3 = 0; ///< RESPONSE
-    std::string text;                          ///< STREAM: the data; FILE_PATH: the device path
+    uint32_t code = 0, value2 = 0, value3 = 0;                   ///< RESPONSE
+    std::string text;                                            ///< STREAM: the data; FILE_PATH: the device path
 
     /// True for a response that reports a failure (0x10000002, 1, 0) and for no answer.
     bool Failed() const;

@@ -48,13 +48,13 @@ namespace {
 
 struct Request {
     bool isLine = true;
-    std::string line;           ///< the script line
+    std::string line; ///< the script line
     uint32_t code = 0;
     uint32_t args[4] = {0, 0, 0, 0};
     bool hasPayload = false;
     std::string payload;
     bool expectFail = false;
-    std::string text;           ///< as written, for the report
+    std::string text; ///< as written, for the report
 };
 
 /// A 32-bit unsigned value, decimal or 0x hexadecimal.
@@ -70,11 +70,14 @@ bool parseNumber(const std::string& text, uint32_t& out)
 std::string wordError(const std::string& word, bool isCode)
 {
     uint32_t value = 0;
-    if ((!isCode && word == "size") || (parseNumber(word, value) && (!isCode || HostLinkClient::OperationName(value) != nullptr)))
+    if ((!isCode && word == "size")
+        || (parseNumber(word, value) && (!isCode || HostLinkClient::OperationName(value) != nullptr)))
         return "";
-    if (!parseNumber(word, value)) return "'" + word + "' is not a number from 0 to 0xFFFFFFFF" + (isCode ? "" : " or \"size\"");
-    return "'" + word + "' is an operation code the camera does not serve (0x10011000 shutter_speed2, "
-                        "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2)";
+    if (!parseNumber(word, value))
+        return "'" + word + "' is not a number from 0 to 0xFFFFFFFF" + (isCode ? "" : " or \"size\"");
+    return "'" + word
+           + "' is an operation code the camera does not serve (0x10011000 shutter_speed2, "
+             "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2)";
 }
 
 CLI::Validator wordCheck(bool isCode)
@@ -93,7 +96,8 @@ bool readFile(const std::string& path, std::string& out)
 }
 
 /// Fills an operation from its words (after "op"); error names what is wrong.
-bool parseOperation(const std::vector<std::string>& words, const std::string& baseDir, Request& request, std::string& error)
+bool parseOperation(const std::vector<std::string>& words, const std::string& baseDir, Request& request,
+                    std::string& error)
 {
     request.isLine = false;
     size_t argCount = 0;
@@ -102,8 +106,10 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
     for (size_t i = 0; i < words.size(); ++i) {
         const std::string& word = words[i];
         std::string payloadPath;
-        if (word == "--payload" && i + 1 < words.size()) payloadPath = words[++i];
-        else if (word.rfind("payload=", 0) == 0) payloadPath = word.substr(8);
+        if (word == "--payload" && i + 1 < words.size())
+            payloadPath = words[++i];
+        else if (word.rfind("payload=", 0) == 0)
+            payloadPath = word.substr(8);
         if (!payloadPath.empty()) {
             if (!baseDir.empty() && payloadPath[0] != '/') payloadPath = baseDir + "/" + payloadPath;
             if (!readFile(payloadPath, request.payload)) {
@@ -120,10 +126,14 @@ bool parseOperation(const std::vector<std::string>& words, const std::string& ba
             return false;
         }
         uint32_t value = 0;
-        if (word == "size") sizeArg = static_cast<int>(argCount);
-        else parseNumber(word, value);
-        if (isCode) request.code = value;
-        else request.args[argCount++] = value;
+        if (word == "size")
+            sizeArg = static_cast<int>(argCount);
+        else
+            parseNumber(word, value);
+        if (isCode)
+            request.code = value;
+        else
+            request.args[argCount++] = value;
         haveCode = true;
     }
     if (!haveCode) {
@@ -191,7 +201,8 @@ bool runRequest(HostLinkClient& client, const Request& request, int index, int t
     auto start = std::chrono::steady_clock::now();
     HostAnswer answer = request.isLine
                             ? client.SendLine(request.line, timeoutMs)
-                            : client.SendOperation(request.code, request.args, request.hasPayload ? &request.payload : nullptr, timeoutMs);
+                            : client.SendOperation(request.code, request.args,
+                                                   request.hasPayload ? &request.payload : nullptr, timeoutMs);
     double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     bool asExpected = answer.kind != HostAnswer::NONE && answer.Failed() == request.expectFail;
     const char* verdict = asExpected ? (request.expectFail ? "PASS (failure expected)" : "PASS") : "FAIL";
@@ -212,9 +223,7 @@ bool runRequest(HostLinkClient& client, const Request& request, int index, int t
         if (readable) printIndented(content);
         break;
     }
-    case HostAnswer::NONE:
-        std::printf("     -> no answer within %d ms  [FAIL]\n", timeoutMs);
-        break;
+    case HostAnswer::NONE: std::printf("     -> no answer within %d ms  [FAIL]\n", timeoutMs); break;
     }
     return asExpected;
 }
@@ -260,8 +269,10 @@ int runBatch(HostLinkClient& client, const std::string& path, const Batch& reque
     std::vector<std::string> failures;
     auto start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < requests.size(); ++i) {
-        if (runRequest(client, requests[i].second, static_cast<int>(i + 1), timeoutMs)) ++passed;
-        else failures.push_back(path + ":" + std::to_string(requests[i].first) + ": " + requests[i].second.text);
+        if (runRequest(client, requests[i].second, static_cast<int>(i + 1), timeoutMs))
+            ++passed;
+        else
+            failures.push_back(path + ":" + std::to_string(requests[i].first) + ": " + requests[i].second.text);
     }
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("batch %s: %zu requests, %d passed, %zu failed, %.2f s\n", path.c_str(), requests.size(), passed,
@@ -291,28 +302,37 @@ static int runTool(int argc, char** argv)
     std::string given, batchPath, payload;
     std::vector<std::string> words;
     double timeout = 10.0, wait = 10.0;
-    app.add_option("--root", given, std::string("the device root (default: $PMODE_ROOT); ") + devroot::kHowToGive)->type_name("DIR");
-    app.add_option("--timeout", timeout, "seconds to wait for each answer (default 10)")->type_name("SEC")
+    app.add_option("--root", given, std::string("the device root (default: $PMODE_ROOT); ") + devroot::kHowToGive)
+        ->type_name("DIR");
+    app.add_option("--timeout", timeout, "seconds to wait for each answer (default 10)")
+        ->type_name("SEC")
         ->check(toolcli::Seconds(0.0, false, 86400.0));
-    app.add_option("--wait", wait, "seconds to wait for pmode-sim to serve the host link (default 10)")->type_name("SEC")
+    app.add_option("--wait", wait, "seconds to wait for pmode-sim to serve the host link (default 10)")
+        ->type_name("SEC")
         ->check(toolcli::Seconds(0.0, true, 86400.0));
     app.require_subcommand(1);
     CLI::App* line = app.add_subcommand("line", "send one script line; words that start with \"-\" follow \"--\"");
     line->add_option("WORDS", words, "the line's words")->required();
     CLI::App* op = app.add_subcommand("op", "send one protocol operation");
     std::string code;
-    op->add_option("CODE", code, "group << 16 | sub-code, one the camera serves: 0x10011000 shutter_speed2, "
-                                 "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2")
-        ->required()->check(wordCheck(true));
+    op->add_option("CODE", code,
+                   "group << 16 | sub-code, one the camera serves: 0x10011000 shutter_speed2, "
+                   "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2")
+        ->required()
+        ->check(wordCheck(true));
     std::string args[4];
     CLI::Option* argOptions[4];
     for (int i = 0; i < 4; ++i)
-        argOptions[i] = op->add_option("P" + std::to_string(i + 1), args[i], i == 0 ? "the arguments, each 0 to 0xFFFFFFFF "
-                                       "or \"size\": the payload's byte count" : "as P1")->check(wordCheck(false));
+        argOptions[i] = op->add_option("P" + std::to_string(i + 1), args[i],
+                                       i == 0 ? "the arguments, each 0 to 0xFFFFFFFF "
+                                                "or \"size\": the payload's byte count"
+                                              : "as P1")
+                            ->check(wordCheck(false));
     op->add_option("--payload", payload, "the file handed over with the operation")->type_name("FILE");
-    CLI::App* batch = app.add_subcommand("batch", "send the requests of a batch file, one a line: \"line WORDS...\" or "
-                                                  "\"op CODE [P1..P4] [payload=FILE]\", optionally after \"expect-fail\"; "
-                                                  "\"#\" starts a comment");
+    CLI::App* batch =
+        app.add_subcommand("batch", "send the requests of a batch file, one a line: \"line WORDS...\" or "
+                                    "\"op CODE [P1..P4] [payload=FILE]\", optionally after \"expect-fail\"; "
+                                    "\"#\" starts a comment");
     batch->add_option("FILE", batchPath, "the batch file")->required();
     if (const int status = toolcli::Parse(app, argc, argv); status >= 0) return status;
 
@@ -332,7 +352,8 @@ static int runTool(int argc, char** argv)
         for (int i = 0; i < 4; ++i)
             if (argOptions[i]->count() > 0) words.push_back(args[i]);
     }
-    if (!batch->parsed() && !parseRequest(requestText(line->parsed() ? "line" : "op", words, payload), "", single, error)) {
+    if (!batch->parsed()
+        && !parseRequest(requestText(line->parsed() ? "line" : "op", words, payload), "", single, error)) {
         std::fprintf(stderr, "pmode-pc: %s\n", error.c_str());
         return 2;
     }
@@ -343,7 +364,8 @@ static int runTool(int argc, char** argv)
         return 3;
     }
     if (!client.WaitForCamera(waitMs)) {
-        std::fprintf(stderr, "pmode-pc: no camera serves the host link below %s (is pmode-sim running in host-link mode?)\n",
+        std::fprintf(stderr,
+                     "pmode-pc: no camera serves the host link below %s (is pmode-sim running in host-link mode?)\n",
                      root.c_str());
         return 3;
     }

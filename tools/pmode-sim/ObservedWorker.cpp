@@ -45,9 +45,14 @@ std::vector<std::string> ObserveRegisteredWorkers()
         const char* subCommand;
     };
     static const Route kRoutes[] = {
-        {"key", nullptr},          {"shutter", nullptr},     {"lens", nullptr},
-        {"menu_setup", nullptr},   {"wifi_scan", nullptr},   {"delay", nullptr},
-        {"line_process", "final_check"}, {"line_process", "(no group)"},
+        {"key", nullptr},
+        {"shutter", nullptr},
+        {"lens", nullptr},
+        {"menu_setup", nullptr},
+        {"wifi_scan", nullptr},
+        {"delay", nullptr},
+        {"line_process", "final_check"},
+        {"line_process", "(no group)"},
     };
     CWorkerFactory* registry = CWorkerFactory::GetInstance();
     std::vector<std::string> groups;

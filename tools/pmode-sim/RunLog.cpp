@@ -18,7 +18,8 @@ namespace {
 bool isProtocolOperation(const _tPM_Command& command)
 {
     static const char* const kSubCommands[] = {"shutter_speed2", "cis_data2", "cis_data_info", "rtc2", "paf2"};
-    if (command.pData != nullptr || command.nArg[0] || command.nArg[1] || command.nArg[2] || command.nArg[3]) return true;
+    if (command.pData != nullptr || command.nArg[0] || command.nArg[1] || command.nArg[2] || command.nArg[3])
+        return true;
     for (const char* sub : kSubCommands)
         if (std::strcmp(command.szParam[0], sub) == 0) return true;
     return false;
@@ -39,8 +40,8 @@ double rounded(double value, double steps)
 
 nlohmann::ordered_json recordJson(const CommandRecord& record)
 {
-    nlohmann::ordered_json json = {{"index", record.index}, {"worker", record.group}, {"command", record.text},
-                                   {"protocol", record.protocol}};
+    nlohmann::ordered_json json = {
+        {"index", record.index}, {"worker", record.group}, {"command", record.text}, {"protocol", record.protocol}};
     if (record.protocol) json["args"] = {record.args[0], record.args[1], record.args[2], record.args[3]};
     json["result"] = record.result;
     json["passed"] = record.Passed();
@@ -78,8 +79,8 @@ void RunLog::End(int result, double ms)
     m_running = false;
     if (m_out == nullptr) return;
     const CommandRecord& r = m_records.back();
-    std::string text = r.protocol ? r.text + " (op " + std::to_string(r.args[0]) + " " + std::to_string(r.args[1]) + " " +
-                                        std::to_string(r.args[2]) + " " + std::to_string(r.args[3]) + ")"
+    std::string text = r.protocol ? r.text + " (op " + std::to_string(r.args[0]) + " " + std::to_string(r.args[1]) + " "
+                                        + std::to_string(r.args[2]) + " " + std::to_string(r.args[3]) + ")"
                                   : r.text;
     std::fprintf(m_out, "[%3d] %-5s %-44s %s %8.1f ms\n", r.index, r.group.c_str(), text.c_str(),
                  r.Passed() ? "PASS" : "FAIL", r.ms);
@@ -147,23 +148,24 @@ bool RunLog::WriteJson(const RunFacts& facts, const std::string& path)
     std::vector<CommandRecord> records = Records();
     const int failed = Failed();
     CommandRecord failure;
-    nlohmann::ordered_json report = {{"passed", facts.exitStatus == 0},
-                                     {"exit_status", facts.exitStatus},
-                                     {"mode", facts.mode},
-                                     {"root", facts.root},
-                                     {"script", facts.script},
-                                     {"resume_step", facts.resumeStep},
-                                     {"ending", facts.ending},
-                                     {"aborted", facts.aborted},
-                                     {"total_seconds", rounded(facts.seconds, 1000.0)},
-                                     {"commands_run", records.size()},
-                                     {"commands_passed", records.size() - static_cast<size_t>(failed)},
-                                     {"commands_failed", failed},
-                                     {"failing_command", FirstFailure(failure) ? recordJson(failure) : nlohmann::ordered_json()},
-                                     {"preflight", facts.preflight},
-                                     {"failed_checks", facts.failedChecks},
-                                     {"faults", facts.faults},
-                                     {"commands", nlohmann::ordered_json::array()}};
+    nlohmann::ordered_json report = {
+        {"passed", facts.exitStatus == 0},
+        {"exit_status", facts.exitStatus},
+        {"mode", facts.mode},
+        {"root", facts.root},
+        {"script", facts.script},
+        {"resume_step", facts.resumeStep},
+        {"ending", facts.ending},
+        {"aborted", facts.aborted},
+        {"total_seconds", rounded(facts.seconds, 1000.0)},
+        {"commands_run", records.size()},
+        {"commands_passed", records.size() - static_cast<size_t>(failed)},
+        {"commands_failed", failed},
+        {"failing_command", FirstFailure(failure) ? recordJson(failure) : nlohmann::ordered_json()},
+        {"preflight", facts.preflight},
+        {"failed_checks", facts.failedChecks},
+        {"faults", facts.faults},
+        {"commands", nlohmann::ordered_json::array()}};
     for (const CommandRecord& record : records) report["commands"].push_back(recordJson(record));
     // Script words need not be UTF-8: bytes that are not are replaced rather than refused.
     const std::string text = report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";

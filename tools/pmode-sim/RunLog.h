@@ -15,25 +15,25 @@
 #include <vector>
 
 struct CommandRecord {
-    int index = 0;               ///< 1-based, in the order run
-    std::string group;           ///< the worker that ran it
-    std::string text;            ///< the command's words
-    bool protocol = false;       ///< a protocol operation of the host link (nArg/pData set)
+    int index = 0;         ///< 1-based, in the order run
+    std::string group;     ///< the worker that ran it
+    std::string text;      ///< the command's words
+    bool protocol = false; ///< a protocol operation of the host link (nArg/pData set)
     uint32_t args[4] = {0, 0, 0, 0};
-    int result = 0;              ///< Execute's result; negative: failed
-    double ms = 0.0;             ///< time taken
+    int result = 0;  ///< Execute's result; negative: failed
+    double ms = 0.0; ///< time taken
     std::vector<std::string> notes;
     bool Passed() const { return result >= 0; }
 };
 
 /// Facts about the run that go into the summary and the report.
 struct RunFacts {
-    std::string mode;            ///< "script", "host-link" or "none"
-    std::string root;            ///< the device root directory
-    std::string script;          ///< device path of the script (script mode)
-    int resumeStep = 0;          ///< line value 135 at the start
-    std::string ending;          ///< how the run ended ("end of the script", "stopped", "timed out", ...)
-    bool aborted = false;        ///< timed out or interrupted: the run did not come to its end
+    std::string mode;     ///< "script", "host-link" or "none"
+    std::string root;     ///< the device root directory
+    std::string script;   ///< device path of the script (script mode)
+    int resumeStep = 0;   ///< line value 135 at the start
+    std::string ending;   ///< how the run ended ("end of the script", "stopped", "timed out", ...)
+    bool aborted = false; ///< timed out or interrupted: the run did not come to its end
     double seconds = 0.0;
     int exitStatus = 0;
     std::vector<std::string> preflight; ///< the checker's findings on the card's script

@@ -62,18 +62,20 @@ std::string shorten(const std::string& word)
 std::string resumeLabel(long step)
 {
     char label[32] = {};
-    if (step <= 9) std::snprintf(label, sizeof label, "ADJ_0%1ld", step);
-    else std::snprintf(label, sizeof label, "ADJ_%2ld", step);
+    if (step <= 9)
+        std::snprintf(label, sizeof label, "ADJ_0%1ld", step);
+    else
+        std::snprintf(label, sizeof label, "ADJ_%2ld", step);
     return label;
 }
 
 struct ScriptLine {
-    std::string text;     ///< as the reader sees it: CR dropped, at most 509 bytes
+    std::string text; ///< as the reader sees it: CR dropped, at most 509 bytes
     bool hasNewline = false;
 };
 
 struct GotoLine {
-    int line;        ///< 0-based
+    int line; ///< 0-based
     std::string label;
     bool countValid; ///< count present and at least 1
 };
@@ -83,8 +85,7 @@ public:
     Analysis(const GroupResolver& resolver, bool probing, CheckResult& result)
         : m_resolver(resolver), m_probing(probing),
           m_unserved(probing ? "no worker group serves" : "no loaded worker serves"), m_result(result)
-    {
-    }
+    {}
 
     void Run(const std::string& text)
     {
@@ -163,8 +164,8 @@ private:
             return;
         }
         if (words[0].size() > kWordMax) {
-            error(n, "first word is " + std::to_string(words[0].size()) +
-                         " bytes (at most 49): the reader passes the line over");
+            error(n, "first word is " + std::to_string(words[0].size())
+                         + " bytes (at most 49): the reader passes the line over");
             return;
         }
         if (isCommentWord(words[0])) return;
@@ -172,15 +173,18 @@ private:
         m_commandLines.push_back(n);
         for (size_t w = 1; w < words.size() && w < kWordsSeen; ++w) {
             if (words[w].size() > kWordMax)
-                error(n, "word " + std::to_string(w + 1) + " ('" + shorten(words[w]) + "') is " +
-                             std::to_string(words[w].size()) + " bytes (at most 49): it is read as empty");
+                error(n, "word " + std::to_string(w + 1) + " ('" + shorten(words[w]) + "') is "
+                             + std::to_string(words[w].size()) + " bytes (at most 49): it is read as empty");
         }
         if (words.size() > kWordsSeen)
             warning(n, std::to_string(words.size()) + " words: words after the 11th are ignored");
 
-        if (words[0] == "label") checkLabel(n, words);
-        else if (words[0] == "goto") checkGoto(n, words);
-        else checkCommand(n, words);
+        if (words[0] == "label")
+            checkLabel(n, words);
+        else if (words[0] == "goto")
+            checkGoto(n, words);
+        else
+            checkCommand(n, words);
     }
 
     void checkLabel(int n, const std::vector<std::string>& words)
@@ -197,8 +201,8 @@ private:
         }
         auto found = m_labels.find(name);
         if (found != m_labels.end())
-            error(n, "label '" + name + "' defined twice (first on line " + std::to_string(found->second + 1) +
-                         "): the later one wins");
+            error(n, "label '" + name + "' defined twice (first on line " + std::to_string(found->second + 1)
+                         + "): the later one wins");
         m_labels[name] = n;
         m_labelOrder.emplace_back(name, n);
     }
@@ -219,14 +223,14 @@ private:
             long value = std::atol(count.c_str());
             bool numeric = !count.empty();
             for (size_t i = 0; i < count.size(); ++i)
-                if (!(std::isdigit(static_cast<unsigned char>(count[i])) || (i == 0 && (count[i] == '-' || count[i] == '+'))))
+                if (!(std::isdigit(static_cast<unsigned char>(count[i]))
+                      || (i == 0 && (count[i] == '-' || count[i] == '+'))))
                     numeric = false;
             if (value < 1) {
-                error(n, "goto count '" + shorten(count) + "' is read as " + std::to_string(value) +
-                             ": the loop never ends (a count must be 1 or more)");
+                error(n, "goto count '" + shorten(count) + "' is read as " + std::to_string(value)
+                             + ": the loop never ends (a count must be 1 or more)");
             } else {
-                if (!numeric)
-                    warning(n, "goto count '" + shorten(count) + "' is read as " + std::to_string(value));
+                if (!numeric) warning(n, "goto count '" + shorten(count) + "' is read as " + std::to_string(value));
                 entry.countValid = true;
             }
         }
@@ -236,7 +240,8 @@ private:
             int previous = m_commandLines[m_commandLines.size() - 2];
             std::vector<std::string> prevWords = splitWords(m_lines[previous].text);
             if (!prevWords.empty() && prevWords[0] == "label")
-                warning(n, "goto right after a label line: when the run falls into that label, this goto is passed over");
+                warning(n,
+                        "goto right after a label line: when the run falls into that label, this goto is passed over");
         }
     }
 
@@ -253,18 +258,19 @@ private:
         if (group.empty()) {
             // Name the sub-command too where it chose the group (or may have chosen it).
             bool routedBySubCommand = !m_probing || m_resolver(command.szWorker, "\x01") == "PENDING";
-            std::string what = routedBySubCommand ? std::string(command.szWorker) + " " + command.szParam[0] : command.szWorker;
+            std::string what =
+                routedBySubCommand ? std::string(command.szWorker) + " " + command.szParam[0] : command.szWorker;
             std::string hint;
             std::string asSubCommand = m_resolver("line_process", command.szWorker);
             if (!asSubCommand.empty() && asSubCommand != "PENDING")
-                hint = " ('" + std::string(command.szWorker) + "' is a sub-command: line_process " + command.szWorker + " ...?)";
+                hint = " ('" + std::string(command.szWorker) + "' is a sub-command: line_process " + command.szWorker
+                       + " ...?)";
             else if (words[0][0] == '#' || words[0][0] == ';' || words[0][0] == '/')
                 hint = " (comments start with //)";
-            error(n, m_unserved + " '" + what + "'" + reserved + hint +
-                         ": the run passes it over");
+            error(n, m_unserved + " '" + what + "'" + reserved + hint + ": the run passes it over");
         } else if (group == "PENDING") {
-            error(n, m_unserved + " '" + std::string(command.szWorker) + " " + command.szParam[0] +
-                         "': sub-command '" + command.szParam[0] + "' is in no group");
+            error(n, m_unserved + " '" + std::string(command.szWorker) + " " + command.szParam[0] + "': sub-command '"
+                         + command.szParam[0] + "' is in no group");
         }
     }
 
@@ -274,14 +280,14 @@ private:
         for (const GotoLine& entry : m_gotos) {
             auto label = m_labels.find(entry.label);
             if (label == m_labels.end()) {
-                error(entry.line, "goto to unknown label '" + entry.label +
-                                      "': the jump fails its check and the run ends here");
+                error(entry.line,
+                      "goto to unknown label '" + entry.label + "': the jump fails its check and the run ends here");
                 m_flowBroken = true;
                 continue;
             }
             if (label->second > entry.line) {
-                warning(entry.line, "goto '" + entry.label + "' jumps forward (label on line " +
-                                        std::to_string(label->second + 1) + ")");
+                warning(entry.line, "goto '" + entry.label + "' jumps forward (label on line "
+                                        + std::to_string(label->second + 1) + ")");
                 continue;
             }
             if (entry.countValid) loops.push_back(&entry);
@@ -296,9 +302,9 @@ private:
                 bool overlap = startI <= endJ && startJ <= endI;
                 bool iInner = endI < endJ || (endI == endJ && i > j);
                 if (overlap && iInner) {
-                    error(endI, "counted loop '" + loops[i]->label + "' lies inside the loop of line " +
-                                    std::to_string(endJ + 1) +
-                                    ": the loops share one counter, so neither runs its count");
+                    error(endI, "counted loop '" + loops[i]->label + "' lies inside the loop of line "
+                                    + std::to_string(endJ + 1)
+                                    + ": the loops share one counter, so neither runs its count");
                     break;
                 }
             }
@@ -311,13 +317,14 @@ private:
         for (const auto& [name, line] : m_labelOrder) {
             if (name.size() < 5 || name.compare(0, 4, "ADJ_") != 0) continue;
             std::string digits = name.substr(4);
-            if (digits.empty() || digits.size() > 6 ||
-                !std::all_of(digits.begin(), digits.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); }))
+            if (digits.empty() || digits.size() > 6 || !std::all_of(digits.begin(), digits.end(), [](char c) {
+                    return std::isdigit(static_cast<unsigned char>(c));
+                }))
                 continue;
             long step = std::atol(digits.c_str());
             if (resumeLabel(step) != name) {
-                warning(line, "label '" + name + "' is never a resume point (step " + std::to_string(step) +
-                                  " resumes at '" + resumeLabel(step) + "')");
+                warning(line, "label '" + name + "' is never a resume point (step " + std::to_string(step)
+                                  + " resumes at '" + resumeLabel(step) + "')");
                 continue;
             }
             steps.emplace(step, line);
@@ -326,7 +333,8 @@ private:
         long expected = 0;
         for (const auto& [step, line] : steps) {
             for (; expected < step; ++expected)
-                error(line, "resume label '" + resumeLabel(expected) + "' is missing (the ADJ_nn labels must run from ADJ_00 without gaps)");
+                error(line, "resume label '" + resumeLabel(expected)
+                                + "' is missing (the ADJ_nn labels must run from ADJ_00 without gaps)");
             expected = step + 1;
         }
     }
@@ -361,7 +369,8 @@ public:
 
 int CheckResult::Errors() const
 {
-    return static_cast<int>(std::count_if(findings.begin(), findings.end(), [](const CheckFinding& f) { return f.error; }));
+    return static_cast<int>(
+        std::count_if(findings.begin(), findings.end(), [](const CheckFinding& f) { return f.error; }));
 }
 
 int CheckResult::Warnings() const
@@ -371,8 +380,7 @@ int CheckResult::Warnings() const
 
 ScriptChecker::ScriptChecker(GroupResolver resolver, bool probing, int runBound)
     : m_resolver(std::move(resolver)), m_probing(probing), m_runBound(runBound)
-{
-}
+{}
 
 CheckResult ScriptChecker::Check(const std::string& text, const std::string& scriptPath) const
 {

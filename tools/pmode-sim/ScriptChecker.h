@@ -25,8 +25,8 @@
 #include <vector>
 
 struct CheckFinding {
-    int line = 0;         ///< 1-based line number; 0 for the file as a whole
-    bool error = false;   ///< error (true) or warning
+    int line = 0;       ///< 1-based line number; 0 for the file as a whole
+    bool error = false; ///< error (true) or warning
     std::string message;
 };
 
@@ -36,11 +36,11 @@ struct ResolvedCommand {
 };
 
 struct CheckResult {
-    std::vector<CheckFinding> findings;  ///< in line order
-    std::vector<ResolvedCommand> run;    ///< the resolved run
-    bool runResolved = false;            ///< false when errors keep the run from being resolved
-    bool runTruncated = false;           ///< the bound stopped the resolved run (a loop that never ends?)
-    std::string runEnd;                  ///< how the resolved run ends, in words
+    std::vector<CheckFinding> findings; ///< in line order
+    std::vector<ResolvedCommand> run;   ///< the resolved run
+    bool runResolved = false;           ///< false when errors keep the run from being resolved
+    bool runTruncated = false;          ///< the bound stopped the resolved run (a loop that never ends?)
+    std::string runEnd;                 ///< how the resolved run ends, in words
     int Errors() const;
     int Warnings() const;
 };

@@ -118,10 +118,12 @@ bool prepareRoot(Options& options, std::string& error)
     options.root = resolved;
     std::error_code failure;
     fs::path card = fs::path(options.root) / "mnt/mmc";
-    for (const char* dir : {"mnt/mmc", "mnt/ubi1/log", "mnt/ubi1/pref", "adj", "var/log", "var/run/memory/private", "tmp"}) {
+    for (const char* dir :
+         {"mnt/mmc", "mnt/ubi1/log", "mnt/ubi1/pref", "adj", "var/log", "var/run/memory/private", "tmp"}) {
         fs::create_directories(fs::path(options.root) / dir, failure);
         if (failure) {
-            error = "cannot make the device directory " + (fs::path(options.root) / dir).string() + ": " + failure.message();
+            error = "cannot make the device directory " + (fs::path(options.root) / dir).string() + ": "
+                    + failure.message();
             return false;
         }
     }
@@ -181,8 +183,8 @@ int preflight(const std::string& script, std::vector<std::string>& lines)
         ScriptChecker checker(RegistryResolver(), false, 1);
         CheckResult result = checker.Check(text, script);
         for (const CheckFinding& finding : result.findings)
-            lines.push_back(script + ":" + std::to_string(finding.line) + ": " + (finding.error ? "error: " : "warning: ") +
-                            finding.message);
+            lines.push_back(script + ":" + std::to_string(finding.line) + ": "
+                            + (finding.error ? "error: " : "warning: ") + finding.message);
         errors = result.Errors();
     }
     g_checksNotOfTheRun += pm::AssertionCount() - checksBefore;
@@ -201,8 +203,8 @@ int verdict(RunFacts& facts, int status)
 {
     facts.failedChecks = failedChecksOfTheRun();
     if (facts.failedChecks > 0)
-        facts.faults.push_back(std::to_string(facts.failedChecks) + " failed check" + (facts.failedChecks == 1 ? "" : "s") +
-                               " reported (\"Assertion Failed!\" above)");
+        facts.faults.push_back(std::to_string(facts.failedChecks) + " failed check"
+                               + (facts.failedChecks == 1 ? "" : "s") + " reported (\"Assertion Failed!\" above)");
     return status == kExitPassed && !facts.faults.empty() ? kExitFailed : status;
 }
 
@@ -298,24 +300,32 @@ CLI::App* AddRunCommand(CLI::App& app)
 {
     Options& options = g_options;
     CLI::App* run = app.add_subcommand("run", "run the card as the camera would (the default command)");
-    run->add_option("--root", options.root, "the device root (PMODE_ROOT); default: a new /tmp/pmode-sim.XXXXXX; "
-                                            "one that resolves to the host's \"/\" is refused")->type_name("DIR");
+    run->add_option("--root", options.root,
+                    "the device root (PMODE_ROOT); default: a new /tmp/pmode-sim.XXXXXX; "
+                    "one that resolves to the host's \"/\" is refused")
+        ->type_name("DIR");
     run->add_option("--card", options.card, "copy the files of DIR onto the card (<root>/mnt/mmc/)")->type_name("DIR");
     run->add_option("--plugins", options.plugins, "the worker plug-ins to load (default: " + options.plugins + ")")
         ->type_name("DIR");
-    run->add_flag("--host-link", options.hostLink, "make the card a host-link card: write \"info.tgw\", remove "
-                                                   "\"info.tg\" and \"default.adj\"");
+    run->add_flag("--host-link", options.hostLink,
+                  "make the card a host-link card: write \"info.tgw\", remove "
+                  "\"info.tg\" and \"default.adj\"");
     run->add_option("--step", options.step, "store N as the resume step (line value 135) before the run")
-        ->type_name("N")->transform(toolcli::Whole(0, INT32_MAX));
-    run->add_option("--serve-seconds", options.serveSeconds, "host-link mode: serve SEC seconds, then stop and pass "
-                                                             "(default: serve until SIGINT/SIGTERM)")
-        ->type_name("SEC")->check(toolcli::Seconds(0.0, true, 86400.0));
+        ->type_name("N")
+        ->transform(toolcli::Whole(0, INT32_MAX));
+    run->add_option("--serve-seconds", options.serveSeconds,
+                    "host-link mode: serve SEC seconds, then stop and pass "
+                    "(default: serve until SIGINT/SIGTERM)")
+        ->type_name("SEC")
+        ->check(toolcli::Seconds(0.0, true, 86400.0));
     run->add_option("--timeout", options.timeoutSeconds, "script mode: give up after SEC seconds (default 600)")
-        ->type_name("SEC")->check(toolcli::Seconds(0.0, false, 86400.0));
+        ->type_name("SEC")
+        ->check(toolcli::Seconds(0.0, false, 86400.0));
     run->add_option("--json", options.json, "write the machine-readable report to FILE (checked before the run)")
         ->type_name("FILE");
-    run->add_flag("--force", options.force, "run a script whose pre-flight check found errors (the run is FAILED all "
-                                            "the same)");
+    run->add_flag("--force", options.force,
+                  "run a script whose pre-flight check found errors (the run is FAILED all "
+                  "the same)");
     run->add_flag("--quiet", options.quiet, "no line per command (the summary only)");
     return run;
 }
@@ -349,7 +359,8 @@ int RunSimulator()
     if (options.step >= 0) {
         int32_t step = static_cast<int32_t>(options.step);
         if (!adjust->SetData(kLineNextStep, &step, 4, true)) {
-            std::fprintf(stderr, "pmode-sim: cannot store the resume step %ld (line value 135) on the NAND\n", options.step);
+            std::fprintf(stderr, "pmode-sim: cannot store the resume step %ld (line value 135) on the NAND\n",
+                         options.step);
             return kExitUsage;
         }
     }
@@ -363,7 +374,8 @@ int RunSimulator()
     std::vector<std::string> groups = ObserveRegisteredWorkers();
     std::string groupList;
     for (const std::string& group : groups) groupList += " " + group;
-    std::printf("plug-ins: %zu loaded from %s; workers:%s\n", plugins.loaded.size(), options.plugins.c_str(), groupList.c_str());
+    std::printf("plug-ins: %zu loaded from %s; workers:%s\n", plugins.loaded.size(), options.plugins.c_str(),
+                groupList.c_str());
 
     CProductionMode* controller = CProductionMode::GetInstance();
     controller->Initialize();
@@ -379,8 +391,9 @@ int RunSimulator()
         const int errors = preflight(facts.script, facts.preflight);
         for (const std::string& line : facts.preflight) std::printf("pre-flight: %s\n", line.c_str());
         if (errors > 0)
-            facts.faults.push_back("the pre-flight check found " + std::to_string(errors) + " error" + (errors == 1 ? "" : "s") +
-                                   " in the script" + (options.force ? " (run forced with --force)" : ""));
+            facts.faults.push_back("the pre-flight check found " + std::to_string(errors) + " error"
+                                   + (errors == 1 ? "" : "s") + " in the script"
+                                   + (options.force ? " (run forced with --force)" : ""));
         char label[32];
         std::snprintf(label, sizeof label, resume <= 9 ? "ADJ_0%1d" : "ADJ_%2d", resume);
         std::printf("script mode: %s%s, from step %d (label %s)\n", facts.script.c_str(),

@@ -34,7 +34,8 @@ CLI::App* addCheckCommand(CLI::App& app, CheckOptions& options)
                                                   "passed-over lines, long words, unserved commands, broken gotos and "
                                                   "labels, then prints the resolved run");
     check->add_option("--max", options.bound, "show at most N commands of the resolved run (default 100)")
-        ->type_name("N")->transform(toolcli::Whole(1, 1000000));
+        ->type_name("N")
+        ->transform(toolcli::Whole(1, 1000000));
     check->add_flag("--quiet", options.quiet, "leave the resolved run out");
     check->add_option("SCRIPT", options.path, "the script file")->required();
     return check;
@@ -65,7 +66,8 @@ std::vector<char*> withCommand(int argc, char** argv)
     static char run[] = "run";
     const char* first = argc > 1 ? argv[1] : "";
     bool named = false;
-    for (const char* word : {"run", "check", "-h", "--help", "--version"}) named = named || std::strcmp(first, word) == 0;
+    for (const char* word : {"run", "check", "-h", "--help", "--version"})
+        named = named || std::strcmp(first, word) == 0;
     if (!named) words.insert(words.begin() + 1, run);
     return words;
 }
@@ -77,11 +79,12 @@ static int runTool(int argc, char** argv)
     CLI::App app("The simulated camera body: runs a memory card's production script, or serves a factory PC over "
                  "the host link, with the demo worker plug-ins; checks production scripts.",
                  "pmode-sim");
-    const std::string runStatuses = "0 the run passed; 1 the run failed (a command of a script failed, a failed check "
-                                    "was reported, the pre-flight check found an error, no command ran, the adjust data "
-                                    "could not be initialised or saved); 2 a wrong argument or set-up (the report cannot "
-                                    "be written, no worker, ...); 3 the card starts no production run; 4 timed out or "
-                                    "interrupted (script mode, or host-link mode before the channel came up)";
+    const std::string runStatuses =
+        "0 the run passed; 1 the run failed (a command of a script failed, a failed check "
+        "was reported, the pre-flight check found an error, no command ran, the adjust data "
+        "could not be initialised or saved); 2 a wrong argument or set-up (the report cannot "
+        "be written, no worker, ...); 3 the card starts no production run; 4 timed out or "
+        "interrupted (script mode, or host-link mode before the channel came up)";
     const std::string checkStatuses = "0 no error found; 1 an error found; 2 a wrong argument";
     toolcli::Describe(app, "run: " + runStatuses + "; check: " + checkStatuses);
     app.require_subcommand(1);
@@ -90,7 +93,8 @@ static int runTool(int argc, char** argv)
     CheckOptions checkOptions;
     addCheckCommand(app, checkOptions)->footer("exit status: " + checkStatuses);
     std::vector<char*> words = withCommand(argc, argv);
-    if (const int status = toolcli::Parse(app, static_cast<int>(words.size()), words.data()); status >= 0) return status;
+    if (const int status = toolcli::Parse(app, static_cast<int>(words.size()), words.data()); status >= 0)
+        return status;
     return run->parsed() ? RunSimulator() : runCheck(checkOptions);
 }
 

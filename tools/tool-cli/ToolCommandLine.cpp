@@ -37,7 +37,8 @@ void Describe(CLI::App& app, const std::string& exitStatuses)
     app.set_help_flag();
     // Sub-commands made later take this flag over: there it shows their own part.
     app.set_help_all_flag("-h,--help", "print this help (commands, options, exit statuses) and exit 0");
-    app.set_version_flag("--version", app.get_name() + " " + PM_TOOL_VERSION, "print \"" + app.get_name() + " <version>\" and exit 0");
+    app.set_version_flag("--version", app.get_name() + " " + PM_TOOL_VERSION,
+                         "print \"" + app.get_name() + " <version>\" and exit 0");
     app.footer("exit status: " + exitStatuses);
 }
 
@@ -46,12 +47,15 @@ int Parse(CLI::App& app, int argc, char** argv)
     try {
         app.parse(argc, argv);
         return -1;
-    } catch (const CLI::CallForAllHelp&) {
+    }
+    catch (const CLI::CallForAllHelp&) {
         // A sub-command's flag shows that sub-command's part (help() follows the parsed sub-commands).
         std::fputs(app.help("", CLI::AppFormatMode::All).c_str(), stdout);
-    } catch (const CLI::CallForVersion& version) {
+    }
+    catch (const CLI::CallForVersion& version) {
         std::printf("%s\n", version.what());
-    } catch (const CLI::ParseError& wrong) {
+    }
+    catch (const CLI::ParseError& wrong) {
         std::fprintf(stderr, "%s: %s\nrun '%s --help' for the commands and options\n", app.get_name().c_str(),
                      wrongWhat(app, wrong).c_str(), app.get_name().c_str());
         return kExitUsage;
@@ -65,7 +69,8 @@ bool ParseWhole(const std::string& text, long long& value)
     const bool hex = text.compare(digits, 2, "0x") == 0 || text.compare(digits, 2, "0X") == 0;
     if (text.size() <= digits + (hex ? 2 : 0)) return false;
     for (size_t i = digits + (hex ? 2 : 0); i < text.size(); ++i)
-        if (!(hex ? std::isxdigit(static_cast<unsigned char>(text[i])) : std::isdigit(static_cast<unsigned char>(text[i]))))
+        if (!(hex ? std::isxdigit(static_cast<unsigned char>(text[i]))
+                  : std::isdigit(static_cast<unsigned char>(text[i]))))
             return false;
     errno = 0;
     char* end = nullptr;
@@ -95,7 +100,8 @@ CLI::Validator Seconds(double low, bool lowIncluded, double high)
             char* end = nullptr;
             const double value = std::strtod(text.c_str(), &end);
             const bool plain = !text.empty() && text.find_first_not_of("0123456789.+-") == std::string::npos;
-            if (!plain || *end != '\0' || !std::isfinite(value)) return "'" + text + "' is not a number of seconds (" + range + ")";
+            if (!plain || *end != '\0' || !std::isfinite(value))
+                return "'" + text + "' is not a number of seconds (" + range + ")";
             if (value > high || value < low || (value == low && !lowIncluded))
                 return "'" + text + "' is out of range (" + range + ")";
             return "";

@@ -110,11 +110,11 @@ private:
     PM_HIDDEN void releaseScriptText();
     PM_HIDDEN void releasePayload();
 
-    CEventFlag* pEventFlag;              ///< owned; wakes the controller's thread
-    char* pMessageBuffer;                ///< owned (malloc); script text; null when none; under mHandOver
-    char* pPayload;                      ///< owned (malloc); protocol payload until SendPTP; controller's thread
-    CProductionScript cScript;           ///< parses script-line requests
-    std::atomic<uint32_t> nMessageType;  ///< PTP_MSG_*; 0 frees the channel
-    std::atomic<bool> blMounted;         ///< true while subscribed
-    std::mutex mHandOver;                ///< a request's publication against a stop; the script text
+    CEventFlag* pEventFlag;             ///< owned; wakes the controller's thread
+    char* pMessageBuffer;               ///< owned (malloc); script text; null when none; under mHandOver
+    char* pPayload;                     ///< owned (malloc); protocol payload until SendPTP; controller's thread
+    CProductionScript cScript;          ///< parses script-line requests
+    std::atomic<uint32_t> nMessageType; ///< PTP_MSG_*; 0 frees the channel
+    std::atomic<bool> blMounted;        ///< true while subscribed
+    std::mutex mHandOver;               ///< a request's publication against a stop; the script text
 };

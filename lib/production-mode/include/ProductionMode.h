@@ -12,12 +12,12 @@
 #include "IPModeWorker.h"
 
 // Host link, display, results and logs; error log, traces and failed checks
-#include "PMReport.h"
 #include "AdjWriteLog.h"
 #include "CAdjustLogMachine.h"
 #include "CPTPAdjInterface.h"
 #include "CProductionCSV.h"
 #include "CProductionOSD.h"
+#include "PMReport.h"
 
 // Adjust data
 #include "AdjustDataList.h"

@@ -10,11 +10,11 @@ constexpr int PM_PARAM_MAX = 10;  ///< parameters of a command
 constexpr int PM_LINE_SIZE = 510; ///< line buffers: at most 509 bytes of a line and the NUL
 
 struct PM_EXPORT _tPM_Command {
-    char szWorker[PM_WORD_SIZE];               ///< worker or command name
-    char szParam[PM_PARAM_MAX][PM_WORD_SIZE];  ///< parameters; entry 0 is the sub-command
-    int nParamCount;                           ///< parameters found (1 to 10); -1: none, an empty command
-    uint32_t nArg[4];                          ///< numeric arguments of a host message; 0 in script commands
-    char* pData;                               ///< data of a host message (not owned); null in script commands
+    char szWorker[PM_WORD_SIZE];              ///< worker or command name
+    char szParam[PM_PARAM_MAX][PM_WORD_SIZE]; ///< parameters; entry 0 is the sub-command
+    int nParamCount;                          ///< parameters found (1 to 10); -1: none, an empty command
+    uint32_t nArg[4];                         ///< numeric arguments of a host message; 0 in script commands
+    char* pData;                              ///< data of a host message (not owned); null in script commands
 
     /// An empty command: no text, nParamCount -1, no arguments, no data.
     _tPM_Command();

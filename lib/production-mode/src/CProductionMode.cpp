@@ -98,8 +98,7 @@ CProductionMode* CProductionMode::GetInstance()
 CProductionMode::CProductionMode()
     : FThread(), nOperationType(OP_TYPE_NONE), strScriptFile(), pPTP(nullptr), pScript(nullptr),
       pWorkerFactory(CWorkerFactory::GetInstance()), blCreateFile(false), strCreateFile()
-{
-}
+{}
 
 CProductionMode::~CProductionMode()
 {
@@ -191,8 +190,8 @@ bool CProductionMode::isProductionStatus()
 {
     bool result = canOpen(kInfoTg) || canOpen(kInfoTgw);
     int autoEnable = 0;
-    if (CAdjustDataManager::GetInstance()->GetData(kLinePtpAutoEnable, &autoEnable, sizeof autoEnable) &&
-        autoEnable == 1) {
+    if (CAdjustDataManager::GetInstance()->GetData(kLinePtpAutoEnable, &autoEnable, sizeof autoEnable)
+        && autoEnable == 1) {
         PM_TRACE("LINE_PTP_AUTO_ENABLE = 1 \n");
         result = true;
     }

@@ -69,8 +69,8 @@ void showCommandFailure(const _tPM_Command& command)
 /// Result tables named by a recorded line are files on the card.
 bool namesResultTable(const char* name)
 {
-    return std::strstr(name, "_result") != nullptr || std::strstr(name, "_log") != nullptr ||
-           std::strstr(name, "_14") != nullptr;
+    return std::strstr(name, "_result") != nullptr || std::strstr(name, "_log") != nullptr
+           || std::strstr(name, "_14") != nullptr;
 }
 
 } // namespace
@@ -127,8 +127,8 @@ void CProductionMode::runHostCommand(_tPM_Command& command)
         prepareRespond(kRespondFail);
         return;
     }
-    if (isWord(command.szWorker, "line_process") && isWord(command.szParam[0], "strobe") &&
-        isWord(command.szParam[1], "flash_write")) {
+    if (isWord(command.szWorker, "line_process") && isWord(command.szParam[0], "strobe")
+        && isWord(command.szParam[1], "flash_write")) {
         unsigned char mark = 0;
         if (!CAdjustDataManager::GetInstance()->GetData(kStrobeProcessMark, &mark, sizeof mark)) {
             PM_TRACE("CAdjustDataManager::GetInstance()->GetData() ERROR\n");

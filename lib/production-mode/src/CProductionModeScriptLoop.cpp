@@ -50,8 +50,8 @@ int CProductionMode::runScriptMode()
         if (worker == nullptr) continue;
         if (worker->Execute(&command) >= 0) continue;
 
-        CProductionOSD::GetInstance()->Text(kFailTextArea, "CMD FAIL: %s, %s, %s", command.szWorker,
-                                            command.szParam[0], command.szParam[1]);
+        CProductionOSD::GetInstance()->Text(kFailTextArea, "CMD FAIL: %s, %s, %s", command.szWorker, command.szParam[0],
+                                            command.szParam[1]);
         PM_TRACE_RED("CMD FAIL: %s, %s, %s", command.szWorker, command.szParam[0], command.szParam[1]);
         nOperationType = OP_TYPE_NONE;
         return -1;

@@ -71,8 +71,7 @@ bool usableNode(_keynode_t* node, int expectedType)
     const int type = vconf_keynode_get_type(node);
     if (type != expectedType) {
         const char* name = vconf_keynode_get_name(node);
-        PM_TRACE("Err invaild key_type , incomming key_type : %d , key_name : %s", type,
-                 name != nullptr ? name : "");
+        PM_TRACE("Err invaild key_type , incomming key_type : %d , key_name : %s", type, name != nullptr ? name : "");
         return false;
     }
     return true;
@@ -135,9 +134,8 @@ class CallbackVisit {
 public:
     explicit CallbackVisit(void* userData)
         : channel(userData != nullptr && liveChannels().Enter(userData) ? static_cast<CProductionPTP*>(userData)
-                                                                          : nullptr)
-    {
-    }
+                                                                        : nullptr)
+    {}
     ~CallbackVisit()
     {
         if (channel != nullptr) liveChannels().Leave(channel);
@@ -361,14 +359,14 @@ int32_t CProductionPTP::SendPTP()
             unsigned int code = 0, value2 = 0, value3 = 0;
             transfer->GetRespond(code, value2, value3);
             const bool written = vconf_set_int(kKeyParam3, static_cast<int>(value3)) == 0
-                && vconf_set_int(kKeyParam2, static_cast<int>(value2)) == 0
-                && vconf_set_int(kKeyParam1, static_cast<int>(code)) == 0;
+                                 && vconf_set_int(kKeyParam2, static_cast<int>(value2)) == 0
+                                 && vconf_set_int(kKeyParam1, static_cast<int>(code)) == 0;
             result = written ? 0 : -1;
         } else if (type == PTP_TRANSFER_DATA) {
             const unsigned char* data = transfer->GetData();
-            const std::string block = data != nullptr
-                ? std::string(reinterpret_cast<const char*>(data), static_cast<size_t>(transfer->GetDataSize()))
-                : std::string();
+            const std::string block = data != nullptr ? std::string(reinterpret_cast<const char*>(data),
+                                                                    static_cast<size_t>(transfer->GetDataSize()))
+                                                      : std::string();
             result = vconf_set_str(kKeyStream, block.c_str()) == 0 ? 0 : -1;
         } else if (type == PTP_TRANSFER_FILE) {
             result = vconf_set_str(kKeyFile, transfer->GetFileName()) == 0 ? 0 : -1;

@@ -260,7 +260,8 @@ bool CProductionScript::isCommandLine(int line)
 {
     WordReader reader(lineText(line));
     Word word;
-    return reader.HasWords() && reader.Next(word) && word.length <= static_cast<size_t>(kWordMax) && !isCommentWord(word);
+    return reader.HasWords() && reader.Next(word) && word.length <= static_cast<size_t>(kWordMax)
+           && !isCommentWord(word);
 }
 
 bool CProductionScript::skipComment(int direction)
@@ -414,9 +415,7 @@ _tPM_Command CProductionScript::Read()
         } while (nLogicType == LOGIC_LABEL || nLogicType == LOGIC_GOTO);
         nextLine();
         break;
-    default:
-        nextLine();
-        break;
+    default: nextLine(); break;
     }
     return tCommand;
 }

@@ -55,8 +55,8 @@ public:
     const char* GetName() const { return pszName; }
 
 protected:
-    const char* pszName;       ///< set by the derived worker before it registers; not owned
-    CWorkerFactory* pFactory;  ///< the registry the worker registers with
-    EPMResult eAdjResult;      ///< last adjustment result
-    CEventFlag* pEventFlag;    ///< owned; every flag operation is skipped while null
+    const char* pszName;      ///< set by the derived worker before it registers; not owned
+    CWorkerFactory* pFactory; ///< the registry the worker registers with
+    EPMResult eAdjResult;     ///< last adjustment result
+    CEventFlag* pEventFlag;   ///< owned; every flag operation is skipped while null
 };

@@ -80,8 +80,8 @@ private:
 
     PM_HIDDEN bool writeItemRecord(unsigned long index, const char* tag, CAdjustData* item);
 
-    int32_t nLineCount;     // lines counted when the file was last read, plus lines written since
-    uint32_t nLastIndex;    // index of the newest record
-    char* pFileContent;     // owned copy of the file while it is parsed; null otherwise
-    bool blTurnedOn;        // set by TurnOn, cleared by TurnOff
+    int32_t nLineCount;  // lines counted when the file was last read, plus lines written since
+    uint32_t nLastIndex; // index of the newest record
+    char* pFileContent;  // owned copy of the file while it is parsed; null otherwise
+    bool blTurnedOn;     // set by TurnOn, cleared by TurnOff
 };

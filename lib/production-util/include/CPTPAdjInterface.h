@@ -20,10 +20,10 @@
 
 /// Transfer data types: what is pending.
 enum {
-    PTP_TRANSFER_NONE = 0,     ///< nothing; the response values still held are sent
-    PTP_TRANSFER_RESPOND = 1,  ///< a response of three values
-    PTP_TRANSFER_DATA = 2,     ///< a data block
-    PTP_TRANSFER_FILE = 3,     ///< a file path
+    PTP_TRANSFER_NONE = 0,    ///< nothing; the response values still held are sent
+    PTP_TRANSFER_RESPOND = 1, ///< a response of three values
+    PTP_TRANSFER_DATA = 2,    ///< a data block
+    PTP_TRANSFER_FILE = 3,    ///< a file path
 };
 
 class PM_EXPORT CPTPAdjInterface {
@@ -59,11 +59,11 @@ public:
 private:
     PM_HIDDEN CPTPAdjInterface();
 
-    unsigned char* pData;      ///< owned copy of the pending block; null when none
-    int32_t nDataSize;         ///< bytes in pData
-    uint32_t nRespondCode;     ///< first response value
-    uint32_t nRespondValue2;   ///< second response value
-    uint32_t nRespondValue3;   ///< third response value
-    char szFileName[128];      ///< pending file path, NUL-terminated
+    unsigned char* pData;    ///< owned copy of the pending block; null when none
+    int32_t nDataSize;       ///< bytes in pData
+    uint32_t nRespondCode;   ///< first response value
+    uint32_t nRespondValue2; ///< second response value
+    uint32_t nRespondValue3; ///< third response value
+    char szFileName[128];    ///< pending file path, NUL-terminated
     uint32_t nTransferDataType;
 };

@@ -55,8 +55,8 @@
 
 /// Result codes of Create, Write and write.
 enum {
-    PM_CSV_OK = 0,         ///< done (also when a host-link line was dropped)
-    PM_CSV_FILE_ERROR = 18,///< no file open, or it could not be opened, measured or written
+    PM_CSV_OK = 0,            ///< done (also when a host-link line was dropped)
+    PM_CSV_FILE_ERROR = 18,   ///< no file open, or it could not be opened, measured or written
     PM_CSV_LENGTH_ERROR = 19, ///< Write: the estimated text length is not 1 to 4095
 };
 

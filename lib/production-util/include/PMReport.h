@@ -44,10 +44,10 @@ PM_EXPORT void SetTraceSink(TraceSink sink);
 
 /// Checks cond; when it fails, reports it and returns from the calling function
 /// with the value given after the condition (nothing for a void function).
-#define PM_CHECK(cond, ...)                                                                                           \
-    do {                                                                                                              \
-        if (!(cond)) {                                                                                                \
-            PM_ASSERT_FAILED();                                                                                       \
-            return __VA_ARGS__;                                                                                       \
-        }                                                                                                             \
+#define PM_CHECK(cond, ...)                                                                                            \
+    do {                                                                                                               \
+        if (!(cond)) {                                                                                                 \
+            PM_ASSERT_FAILED();                                                                                        \
+            return __VA_ARGS__;                                                                                        \
+        }                                                                                                              \
     } while (0)

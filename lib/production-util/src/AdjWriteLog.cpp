@@ -45,8 +45,10 @@ void adj_write_log(const char* format, ...)
                   local.tm_hour, local.tm_min, local.tm_sec);
     va_list args;
     va_start(args, format);
-    if (format != nullptr) std::vsnprintf(text, sizeof text, format, args);
-    else text[0] = '\0';
+    if (format != nullptr)
+        std::vsnprintf(text, sizeof text, format, args);
+    else
+        text[0] = '\0';
     va_end(args);
 
     if (g_enabled.load() == 0) return;

@@ -22,4 +22,5 @@ private:
     int m_line;
 };
 
-#define ADJUST_DATA_MANAGER_LOCK(mutex) AdjustDataManagerLock adjustDataManagerLock_((mutex), __FILE__, __func__, __LINE__)
+#define ADJUST_DATA_MANAGER_LOCK(mutex)                                                                                \
+    AdjustDataManagerLock adjustDataManagerLock_((mutex), __FILE__, __func__, __LINE__)

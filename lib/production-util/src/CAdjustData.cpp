@@ -112,7 +112,8 @@ bool CAdjustData::Get(void* buffer, unsigned long length)
         if (header.size < length) {
             PM_ERROR_LOG("AdjustData Get Error: %s's size is %d. But You request %d", header.name,
                          static_cast<int>(header.size), static_cast<int>(length));
-            CProductionOSD::GetInstance()->Text(kDisplayError, "AdjustData Get Error\n%s's size is %d.\n But You request %d",
+            CProductionOSD::GetInstance()->Text(kDisplayError,
+                                                "AdjustData Get Error\n%s's size is %d.\n But You request %d",
                                                 header.name, static_cast<int>(header.size), static_cast<int>(length));
             if (cache != nullptr) {
                 std::memcpy(buffer, cache, header.size);
@@ -138,7 +139,8 @@ bool CAdjustData::Get(void* buffer, unsigned long length)
                  static_cast<int>(id), header.name, static_cast<int>(header.offset), static_cast<int>(header.size),
                  static_cast<int>(newSize));
     CProductionOSD::GetInstance()->Text(
-        kDisplayError, "AdjustData Get Error\nThis is already removed Data\n%d[%s] old off-%d, old size-%d, new size-%d",
+        kDisplayError,
+        "AdjustData Get Error\nThis is already removed Data\n%d[%s] old off-%d, old size-%d, new size-%d",
         static_cast<int>(id), header.name, static_cast<int>(header.offset), static_cast<int>(header.size),
         static_cast<int>(newSize));
     return false;
@@ -240,7 +242,8 @@ unsigned char* CAdjustData::dataToWrite(bool& ownsData, bool& ok)
         // of a grown item are the zeros that the body Insert opened.
         if (!bodyStore->Read(newOffset, data, present)) {
             delete[] data;
-            ok = fail("Body Read Fail off: %u, size: %u", static_cast<unsigned>(newOffset), static_cast<unsigned>(present));
+            ok = fail("Body Read Fail off: %u, size: %u", static_cast<unsigned>(newOffset),
+                      static_cast<unsigned>(present));
             return nullptr;
         }
         ownsData = true;
@@ -305,12 +308,14 @@ bool CAdjustData::WriteToNAND(unsigned long maxLength)
         if (bodyStore == nullptr) return false;
         if (newSize > header.size) {
             if (bodyStore->Insert(newOffset + header.size, newSize - header.size) < 0)
-                return fail("Body Insert Fail old size:%u, new off: %u, new size: %u", static_cast<unsigned>(header.size),
-                            static_cast<unsigned>(newOffset), static_cast<unsigned>(newSize));
+                return fail("Body Insert Fail old size:%u, new off: %u, new size: %u",
+                            static_cast<unsigned>(header.size), static_cast<unsigned>(newOffset),
+                            static_cast<unsigned>(newSize));
         } else {
             if (bodyStore->Remove(newOffset + newSize, header.size - newSize) < 0)
-                return fail("Body Remove Fail old size:%u, new off: %u, new size: %u", static_cast<unsigned>(header.size),
-                            static_cast<unsigned>(newOffset), static_cast<unsigned>(newSize));
+                return fail("Body Remove Fail old size:%u, new off: %u, new size: %u",
+                            static_cast<unsigned>(header.size), static_cast<unsigned>(newOffset),
+                            static_cast<unsigned>(newSize));
         }
     }
 

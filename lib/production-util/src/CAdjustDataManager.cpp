@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include "AdjWriteLog.h"
-#include "AdjustGroupLayout.h"
 #include "AdjustDataList.h"
-#include "CAdjustData.h"
 #include "AdjustDataManagerLock.h"
+#include "AdjustGroupLayout.h"
+#include "CAdjustData.h"
 #include "CAdjustPreference.h"
 #include "CProductionOSD.h"
 #include "CountryDataList.h"
@@ -93,10 +93,8 @@ CAdjustDataManager* CAdjustDataManager::GetInstance()
 }
 
 CAdjustDataManager::CAdjustDataManager()
-    : headerStore(nullptr), bodyStore(nullptr), lineLoaded(false),
-      mutex(_fx_mutex_create(__FILE__, __func__, __LINE__))
-{
-}
+    : headerStore(nullptr), bodyStore(nullptr), lineLoaded(false), mutex(_fx_mutex_create(__FILE__, __func__, __LINE__))
+{}
 
 CAdjustDataManager::~CAdjustDataManager()
 {

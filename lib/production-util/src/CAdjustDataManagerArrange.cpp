@@ -116,8 +116,9 @@ bool areasStayInsideTheGroup(const std::vector<CAdjustData*>& items)
         if (oldSize(item) == 0) header += static_cast<int64_t>(ADJ_HEADER_RECORD_SIZE);
         body += static_cast<int64_t>(newSize(item)) - static_cast<int64_t>(oldSize(item));
         if (header > HEADER_CAPACITY || body > BODY_CAPACITY) {
-            PM_ERROR_LOG("Adjust data cannot be re-arranged: the areas would outgrow the group (header %lld, body %lld bytes)",
-                         static_cast<long long>(header), static_cast<long long>(body));
+            PM_ERROR_LOG(
+                "Adjust data cannot be re-arranged: the areas would outgrow the group (header %lld, body %lld bytes)",
+                static_cast<long long>(header), static_cast<long long>(body));
             return false;
         }
     }
@@ -134,7 +135,8 @@ bool CAdjustDataManager::readAdjustHeaderInfo()
     const unsigned long records = headerStore->GetItemNum();
     for (unsigned long i = 0; i < records; ++i) {
         CAdjustData::_tAdjDataExtHeader header;
-        if (!headerStore->Read(ADJ_HEADER_RECORD_SIZE * i, static_cast<_TAdjDataHeader*>(&header), ADJ_HEADER_RECORD_SIZE)) {
+        if (!headerStore->Read(ADJ_HEADER_RECORD_SIZE * i, static_cast<_TAdjDataHeader*>(&header),
+                               ADJ_HEADER_RECORD_SIZE)) {
             result = false;
             continue;
         }
@@ -177,14 +179,16 @@ bool CAdjustDataManager::allocateID()
             if (findLastOriginalOffset(lastOffset, lastSize)) {
                 item = new CAdjustData(headerStore, bodyStore);
                 items.push_back(item);
-                added.position = static_cast<int32_t>(ADJ_HEADER_RECORD_SIZE * (headerStore->GetItemNum() + addedCount));
+                added.position =
+                    static_cast<int32_t>(ADJ_HEADER_RECORD_SIZE * (headerStore->GetItemNum() + addedCount));
                 // An item added just before has no stored size yet: it ends where its
                 // catalogue size says.
                 if (lastSize == 0) lastSize = lastCatalogueSize;
                 added.offset = static_cast<uint32_t>(lastOffset + lastSize);
                 *item = added;
                 CAdjustLogMachine::GetInstance()->Log("Add %s last Off:%u last Size: %u", row.name,
-                                                      static_cast<unsigned>(lastOffset), static_cast<unsigned>(lastSize));
+                                                      static_cast<unsigned>(lastOffset),
+                                                      static_cast<unsigned>(lastSize));
                 lastCatalogueSize = row.size;
                 ++addedCount;
             }
@@ -235,8 +239,8 @@ bool CAdjustDataManager::makeAdjustHeaderInfo(bool sync)
 bool CAdjustDataManager::arrangeData()
 {
     size_t first = 0;
-    while (first < items.size() &&
-           (items[first] == nullptr || !(isChanged(items[first]) || isToBeDeleted(items[first]))))
+    while (first < items.size()
+           && (items[first] == nullptr || !(isChanged(items[first]) || isToBeDeleted(items[first]))))
         ++first;
     if (first == items.size()) return true;
     if (!arrangementIsSafe()) return false;
@@ -276,8 +280,8 @@ void CAdjustDataManager::reallocateOffset(int first)
             CAdjustData::_tAdjDataExtHeader header = extendedHeaderOf(*item);
             if (header.position <= deletedPositions.front()) continue;
             const auto removedBefore =
-                std::lower_bound(deletedPositions.begin(), deletedPositions.end(), header.position) -
-                deletedPositions.begin();
+                std::lower_bound(deletedPositions.begin(), deletedPositions.end(), header.position)
+                - deletedPositions.begin();
             header.position -= static_cast<int32_t>(ADJ_HEADER_RECORD_SIZE * removedBefore);
             *item = header;
         }

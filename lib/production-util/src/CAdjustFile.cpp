@@ -138,8 +138,9 @@ int CAdjustFile::Insert(unsigned long offset, unsigned long size)
         std::free(zeros);
     }
     const long fileSize = getFileSize(file);
-    const unsigned long tail =
-        fileSize > 0 && static_cast<unsigned long>(fileSize) > offset ? static_cast<unsigned long>(fileSize) - offset : 0;
+    const unsigned long tail = fileSize > 0 && static_cast<unsigned long>(fileSize) > offset
+                                   ? static_cast<unsigned long>(fileSize) - offset
+                                   : 0;
     staged = fileSize >= 0 && copy(file, back, offset, 0, tail) == 0 && staged;
     staged = closeStream(front) && staged;
     staged = closeStream(back) && staged;

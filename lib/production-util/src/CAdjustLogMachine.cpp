@@ -143,7 +143,8 @@ bool CAdjustLogMachine::writeItemRecord(unsigned long index, const char* tag, CA
     std::snprintf(record, sizeof record, "%s Name: %s, O_OFF: %d, O_SIZE: %d, N_OFF: %d, N_SIZE: %d, INDEX: %d", tag,
                   header.name, static_cast<int>(header.offset), static_cast<int>(header.size),
                   static_cast<int>(item->Infomation(CAdjustData::ADJ_INFO_NEW_OFFSET)),
-                  static_cast<int>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE)), static_cast<int>(header.position));
+                  static_cast<int>(item->Infomation(CAdjustData::ADJ_INFO_NEW_SIZE)),
+                  static_cast<int>(header.position));
     return write1line(index, record);
 }
 

@@ -44,8 +44,7 @@ void temporaryPath(char (&path)[256])
 
 CAdjustPreference::CAdjustPreference()
     : m_size(0), m_dataOffset(0), m_sizeOffset(0), m_area(nullptr), m_snapshotMaking(false), m_modified(false)
-{
-}
+{}
 
 CAdjustPreference::~CAdjustPreference()
 {
@@ -78,8 +77,7 @@ unsigned long CAdjustPreference::GetItemNum()
 
 bool CAdjustPreference::crcCheck()
 {
-    return pref_get_byte(kGroup, MARKER1_OFFSET) == MARKER1
-        && pref_get_byte(kGroup, MARKER2_OFFSET) == MARKER2;
+    return pref_get_byte(kGroup, MARKER1_OFFSET) == MARKER1 && pref_get_byte(kGroup, MARKER2_OFFSET) == MARKER2;
 }
 
 // Mount took only an image of the group's full size, so no read needs to ask the
@@ -115,7 +113,7 @@ bool CAdjustPreference::Write(unsigned long offset, void* buffer, unsigned long 
     }
     const unsigned long length = m_size > 0 ? static_cast<unsigned long>(m_size) : 0;
     const bool fits = m_size >= 0 && offset <= length && size <= length - offset && offset + size <= roomInImage()
-        && (buffer != nullptr || size == 0);
+                      && (buffer != nullptr || size == 0);
     if (fits && size > 0) std::memcpy(m_area + offset, buffer, size);
     prepareSnapshotBoot();
     return fits;
@@ -259,8 +257,8 @@ int CAdjustPreference::checkMountState(const char* fileSystemType, const char* m
     int dump = 0;
     int pass = 0;
     for (;;) {
-        const int fields = std::fscanf(mounts, "%255s %255s %255s %255s %d %d\n", device, point, type, options, &dump,
-                                       &pass);
+        const int fields =
+            std::fscanf(mounts, "%255s %255s %255s %255s %d %d\n", device, point, type, options, &dump, &pass);
         device[255] = point[255] = type[255] = options[255] = '\0';
         if (fields == 6 && std::strcmp(type, fileSystemType) == 0 && std::strcmp(point, mountPoint) == 0) {
             std::fclose(mounts);

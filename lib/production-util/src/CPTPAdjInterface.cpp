@@ -22,20 +22,20 @@ void reportFailedCheck(const char* expression, const char* file, unsigned int li
 {
     const char* program = program_invocation_short_name;
     std::fflush(stdout);
-    std::fprintf(stderr, "%s%s%s:%u: %s%sAssertion `%s' failed.\n", program, program[0] != '\0' ? ": " : "", file,
-                 line, function, ": ", expression);
+    std::fprintf(stderr, "%s%s%s:%u: %s%sAssertion `%s' failed.\n", program, program[0] != '\0' ? ": " : "", file, line,
+                 function, ": ", expression);
     std::fflush(stderr);
 }
 
 } // namespace
 
 // Reports like assert(0) would, naming the enclosing method, then leaves it.
-#define PTP_ADJ_CHECK(cond)                                                                                           \
-    do {                                                                                                              \
-        if (!(cond)) {                                                                                                \
-            reportFailedCheck("0", __FILE__, __LINE__, __PRETTY_FUNCTION__);                                          \
-            return;                                                                                                   \
-        }                                                                                                             \
+#define PTP_ADJ_CHECK(cond)                                                                                            \
+    do {                                                                                                               \
+        if (!(cond)) {                                                                                                 \
+            reportFailedCheck("0", __FILE__, __LINE__, __PRETTY_FUNCTION__);                                           \
+            return;                                                                                                    \
+        }                                                                                                              \
     } while (0)
 
 CPTPAdjInterface* CPTPAdjInterface::GetInstance()
@@ -45,10 +45,9 @@ CPTPAdjInterface* CPTPAdjInterface::GetInstance()
 }
 
 CPTPAdjInterface::CPTPAdjInterface()
-    : pData(nullptr), nDataSize(0), nRespondCode(kInitialRespondCode), nRespondValue2(0), nRespondValue3(0),
-      szFileName{}, nTransferDataType(PTP_TRANSFER_NONE)
-{
-}
+    : pData(nullptr), nDataSize(0), nRespondCode(kInitialRespondCode), nRespondValue2(0),
+      nRespondValue3(0), szFileName{}, nTransferDataType(PTP_TRANSFER_NONE)
+{}
 
 CPTPAdjInterface::~CPTPAdjInterface()
 {

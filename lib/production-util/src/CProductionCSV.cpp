@@ -78,9 +78,14 @@ bool listArguments(const char* format, va_list args, std::vector<const char*>& s
             ++p;
         }
         switch (*p) {
-        case '\0':
-            return true;
-        case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c':
+        case '\0': return true;
+        case 'd':
+        case 'i':
+        case 'o':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'c':
             if (size == kWide) {
                 (void)va_arg(args, long long);
             } else if (size == kLong) {
@@ -90,7 +95,14 @@ bool listArguments(const char* format, va_list args, std::vector<const char*>& s
             }
             strings.push_back(nullptr);
             break;
-        case 'e': case 'f': case 'g': case 'E': case 'G': case 'F': case 'a': case 'A':
+        case 'e':
+        case 'f':
+        case 'g':
+        case 'E':
+        case 'G':
+        case 'F':
+        case 'a':
+        case 'A':
             if (size == kLongDouble) {
                 (void)va_arg(args, long double);
             } else {
@@ -98,15 +110,13 @@ bool listArguments(const char* format, va_list args, std::vector<const char*>& s
             }
             strings.push_back(nullptr);
             break;
-        case 's':
-            strings.push_back(va_arg(args, const char*));
-            break;
-        case 'p': case 'n':
+        case 's': strings.push_back(va_arg(args, const char*)); break;
+        case 'p':
+        case 'n':
             (void)va_arg(args, void*);
             strings.push_back(nullptr);
             break;
-        default:
-            break;
+        default: break;
         }
     }
     return true;
@@ -144,10 +154,8 @@ bool fitsIndex(int64_t index)
 
 } // namespace
 
-CProductionCSV::CProductionCSV()
-    : nLineIndex(0), strPTPData(), fpCSV(nullptr), nFileSize(0), strFilePath("/mnt/mmc/")
-{
-}
+CProductionCSV::CProductionCSV() : nLineIndex(0), strPTPData(), fpCSV(nullptr), nFileSize(0), strFilePath("/mnt/mmc/")
+{}
 
 CProductionCSV::~CProductionCSV()
 {
@@ -220,8 +228,9 @@ int CProductionCSV::Write(const char* format, ...)
     va_start(walk, format);
     listArguments(format, walk, strings);
     va_end(walk);
-    const char* lastString =
-        position >= 0 && static_cast<size_t>(position) < strings.size() ? strings[static_cast<size_t>(position)] : nullptr;
+    const char* lastString = position >= 0 && static_cast<size_t>(position) < strings.size()
+                                 ? strings[static_cast<size_t>(position)]
+                                 : nullptr;
 
     const size_t estimate = std::strlen(format) + (lastString != nullptr ? std::strlen(lastString) : 0);
     if (estimate == 0 || estimate > static_cast<size_t>(kLineMax)) return PM_CSV_LENGTH_ERROR;
@@ -291,7 +300,8 @@ bool CProductionCSV::readTail(std::string& tail)
             return false;
         }
         // Done once the break before the last line is in, or the file is read whole.
-        if (from == 0 || (tail.size() > 2 && tail.find_last_of('\n', tail.size() - 2) != std::string::npos)) return true;
+        if (from == 0 || (tail.size() > 2 && tail.find_last_of('\n', tail.size() - 2) != std::string::npos))
+            return true;
     }
 }
 
@@ -339,8 +349,8 @@ void CProductionCSV::Close()
         fpCSV = nullptr;
     }
     if (hostLinkMode()) {
-        CPTPAdjInterface::GetInstance()->SetData(
-            reinterpret_cast<unsigned char*>(const_cast<char*>(strPTPData.data())), static_cast<int>(strPTPData.size()));
+        CPTPAdjInterface::GetInstance()->SetData(reinterpret_cast<unsigned char*>(const_cast<char*>(strPTPData.data())),
+                                                 static_cast<int>(strPTPData.size()));
     }
 }
 

@@ -10,8 +10,8 @@ namespace {
 /// Two ASCII characters as the table keeps them: the first in the lowest byte.
 constexpr uint32_t code(char first, char second)
 {
-    return static_cast<uint32_t>(static_cast<unsigned char>(first)) |
-           (static_cast<uint32_t>(static_cast<unsigned char>(second)) << 8);
+    return static_cast<uint32_t>(static_cast<unsigned char>(first))
+           | (static_cast<uint32_t>(static_cast<unsigned char>(second)) << 8);
 }
 
 } // namespace

@@ -33,6 +33,8 @@ inline void PmodeSimNote(const char* format, ...)
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
     static PmodeSimNoteFn note = reinterpret_cast<PmodeSimNoteFn>(dlsym(RTLD_DEFAULT, "pmode_sim_note"));
-    if (note != nullptr) note(text);
-    else std::printf("  %s\n", text);
+    if (note != nullptr)
+        note(text);
+    else
+        std::printf("  %s\n", text);
 }

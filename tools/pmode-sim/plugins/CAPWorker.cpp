@@ -44,7 +44,8 @@ protected:
         if (name == "shutter" && step == "init") return initShutter();
         if (name == "shutter" && step == "measure") return measureShutter(Param(command, 1));
         if (name == "shutter" && step == "adjust") return adjustShutter(Param(command, 1));
-        if (name == "line_process" && step == "awb") return adjustWhiteBalance(Param(command, 1), Number(command, 2, 5500));
+        if (name == "line_process" && step == "awb")
+            return adjustWhiteBalance(Param(command, 1), Number(command, 2, 5500));
         if (name == "line_process" && step == "iso_sensitivity") return adjustIso(Number(command, 1, 100));
         if (name == "line_process" && step == "strobe") return writeStrobe(command);
         if (step == "shutter_speed2") return takeShutterData(command);
@@ -113,9 +114,12 @@ private:
     int adjustWhiteBalance(const std::string& light, long kelvin)
     {
         int first = 0, mark = 0;
-        if (light == "high") first = ADJUST_AWB_HIGH_TEMP_RGAIN, mark = ADJUST_AWB_H_PROCESS_MARK;
-        else if (light == "low") first = ADJUST_AWB_LOW_TEMP_RGAIN, mark = ADJUST_AWB_L_PROCESS_MARK;
-        else if (light == "strobe") first = ADJUST_AWB_STROBE_RGAIN, mark = ADJUST_AWB_S_PROCESS_MARK;
+        if (light == "high")
+            first = ADJUST_AWB_HIGH_TEMP_RGAIN, mark = ADJUST_AWB_H_PROCESS_MARK;
+        else if (light == "low")
+            first = ADJUST_AWB_LOW_TEMP_RGAIN, mark = ADJUST_AWB_L_PROCESS_MARK;
+        else if (light == "strobe")
+            first = ADJUST_AWB_STROBE_RGAIN, mark = ADJUST_AWB_S_PROCESS_MARK;
         else {
             PmodeSimNote("awb: light '%s' is not high, low or strobe", light.c_str());
             return -1;
@@ -132,7 +136,8 @@ private:
         PmodeSimNote("awb %s %ld K: R %u G %u B %u", light.c_str(), kelvin, red, green, blue);
         if (!HostLink()) {
             char row[96];
-            std::snprintf(row, sizeof row, "%s,%ld,%u,%u,%u,%s", light.c_str(), kelvin, red, green, blue, passed ? "OK" : "NG");
+            std::snprintf(row, sizeof row, "%s,%ld,%u,%u,%u,%s", light.c_str(), kelvin, red, green, blue,
+                          passed ? "OK" : "NG");
             WriteResult("awb_result.csv", "LIGHT,KELVIN,RGAIN,GGAIN,BGAIN,RESULT", {row}, passed);
         }
         return FinishAdjustment(mark, passed, true);
@@ -178,15 +183,18 @@ private:
             times.push_back(value);
         }
         if (index > 2 || times.empty()) {
-            PmodeSimNote("shutter_speed2: %s", times.empty() ? "no measured times in the payload" : "speed index above 2");
+            PmodeSimNote("shutter_speed2: %s",
+                         times.empty() ? "no measured times in the payload" : "speed index above 2");
             return FinishAdjustment(ADJUST_SHUTTER_PROCESS_MARK, false, true);
         }
         double sum = 0.0;
         for (double t : times) sum += t;
         double mean = (sum / static_cast<double>(times.size()) / kNominal[index] - 1.0) * 100.0;
         bool passed = std::fabs(mean) <= kShutterTolerancePct;
-        SetValue16(index == 0 ? ADJUST_SHUTTER_SPEED_1_2000TH : ADJUST_SHUTTER_SPEED_1_4000TH_AVR, storedDeviation(mean), false);
-        PmodeSimNote("shutter_speed2: %zu times from the PC, mean %+.2f %% of %.0f us", times.size(), mean, kNominal[index]);
+        SetValue16(index == 0 ? ADJUST_SHUTTER_SPEED_1_2000TH : ADJUST_SHUTTER_SPEED_1_4000TH_AVR,
+                   storedDeviation(mean), false);
+        PmodeSimNote("shutter_speed2: %zu times from the PC, mean %+.2f %% of %.0f us", times.size(), mean,
+                     kNominal[index]);
         return FinishAdjustment(ADJUST_SHUTTER_PROCESS_MARK, passed, true);
     }
 

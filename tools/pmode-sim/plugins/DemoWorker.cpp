@@ -97,9 +97,12 @@ int DemoWorker::WriteResult(const std::string& file, const std::string& header, 
     int code = csv.Create(file, header);
     for (size_t i = 0; code == 0 && i < rows.size(); ++i) code = csv.Write("%s", rows[i].c_str());
     csv.Close();
-    if (code != 0) PmodeSimNote("result table %s not written (code %d)", file.c_str(), code);
-    else if (HostLink()) PmodeSimNote("result table %s sent to the PC", file.c_str());
-    else PmodeSimNote("result table /mnt/mmc/%s: %zu line%s", file.c_str(), rows.size(), rows.size() == 1 ? "" : "s");
+    if (code != 0)
+        PmodeSimNote("result table %s not written (code %d)", file.c_str(), code);
+    else if (HostLink())
+        PmodeSimNote("result table %s sent to the PC", file.c_str());
+    else
+        PmodeSimNote("result table /mnt/mmc/%s: %zu line%s", file.c_str(), rows.size(), rows.size() == 1 ? "" : "s");
     return code;
 }
 

@@ -22,8 +22,9 @@ constexpr const char* kCisFile = "/mnt/mmc/cis_data.txt";
 /// Process marks the final check looks at: every one-byte mark of the catalogue.
 bool isProcessMark(int id)
 {
-    return (id >= ADJUST_MAIN_FUNCTION_PROCESS_MARK && id <= ADJUST_EFUSE_PROCESS_MARK && id != ADJUST_ISO_SENSITIVITY_PROCESS_MARK) ||
-           id == ADJUST_GYROSCOPE_PROCESS_MARK;
+    return (id >= ADJUST_MAIN_FUNCTION_PROCESS_MARK && id <= ADJUST_EFUSE_PROCESS_MARK
+            && id != ADJUST_ISO_SENSITIVITY_PROCESS_MARK)
+           || id == ADJUST_GYROSCOPE_PROCESS_MARK;
 }
 
 class CETCWorker : public DemoWorker {
@@ -40,7 +41,8 @@ protected:
         if (step == "cis_data") return cisData(Param(command, 1), Param(command, 2));
         if (step == "cis_data2") return takeCisData(command);
         if (step == "cis_data_info") return answerCisInfo();
-        if (step == "main_function" || step == "rotation_sensor" || step == "usb" || step == "card_lock" || step == "adc") {
+        if (step == "main_function" || step == "rotation_sensor" || step == "usb" || step == "card_lock"
+            || step == "adc") {
             PmodeSimNote("%s: %s", step.c_str(), Provoked() ? "NG" : "OK");
             return Provoked() ? -1 : 0;
         }
@@ -59,8 +61,8 @@ private:
         }
         int32_t finished = static_cast<int32_t>(next - 1), nextStep = static_cast<int32_t>(next);
         CAdjustDataManager* manager = CAdjustDataManager::GetInstance();
-        bool stored = manager->SetData(LINE_CONTROL_FINISHED_STEP, &finished, 4, true) &&
-                      manager->SetData(LINE_CONTROL_NEXT_STEP, &nextStep, 4, true);
+        bool stored = manager->SetData(LINE_CONTROL_FINISHED_STEP, &finished, 4, true)
+                      && manager->SetData(LINE_CONTROL_NEXT_STEP, &nextStep, 4, true);
         PmodeSimNote("step %ld finished; a new run resumes at ADJ_%02ld", next - 1, next);
         return stored ? 0 : -1;
     }
@@ -75,8 +77,11 @@ private:
             if (!isProcessMark(id) || id == ADJUST_MAIN_FUNCTION_PROCESS_MARK) continue;
             unsigned char mark = 0;
             CAdjustDataManager::GetInstance()->GetData(id, &mark, 1);
-            if (mark == '&') ++passedMarks;
-            else if (mark == '^') failedMarks += std::string(failedMarks.empty() ? "" : ", ") + get_adjust_data_id_name(static_cast<_AdjustDataID>(id));
+            if (mark == '&')
+                ++passedMarks;
+            else if (mark == '^')
+                failedMarks += std::string(failedMarks.empty() ? "" : ", ")
+                               + get_adjust_data_id_name(static_cast<_AdjustDataID>(id));
         }
         bool passed = failedMarks.empty() && passedMarks > 0 && !Provoked();
         if (passed) {
@@ -84,7 +89,8 @@ private:
             CAdjustDataManager::GetInstance()->SetData(LINE_CONTROL_NEXT_STEP, &zero, 4, true);
             PmodeSimNote("final check: %d process marks passed; unit finished, resume step back to 0", passedMarks);
         } else {
-            PmodeSimNote("final check: %d passed, failed: %s", passedMarks, failedMarks.empty() ? "(none written)" : failedMarks.c_str());
+            PmodeSimNote("final check: %d passed, failed: %s", passedMarks,
+                         failedMarks.empty() ? "(none written)" : failedMarks.c_str());
         }
         return FinishAdjustment(ADJUST_MAIN_FUNCTION_PROCESS_MARK, passed, true);
     }
@@ -131,8 +137,9 @@ private:
         if (action == "read") {
             std::string summary = cisSummary();
             PmodeSimNote("%s", summary.substr(0, summary.find('\n')).c_str());
-            std::string row = std::to_string(GetValue32(ADJUST_CIS_SN)) + "," + std::to_string(GetValue16(ADJUST_CIS_CHIP_VERSION)) +
-                              "," + std::to_string(GetValue16(ADJUST_CIS_CLAMP_LEVEL));
+            std::string row = std::to_string(GetValue32(ADJUST_CIS_SN)) + ","
+                              + std::to_string(GetValue16(ADJUST_CIS_CHIP_VERSION)) + ","
+                              + std::to_string(GetValue16(ADJUST_CIS_CLAMP_LEVEL));
             WriteResult("cis_result.csv", "SERIAL,CHIP,CLAMP", {row}, true);
             return 0;
         }
@@ -167,14 +174,18 @@ private:
             size_t equals = field.find('=');
             if (equals == std::string::npos) continue;
             std::string key = field.substr(0, equals), value = field.substr(equals + 1);
-            if (key == "SN") SetValue32(ADJUST_CIS_SN, static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 10)), false);
-            else if (key == "CHIP") SetValue16(ADJUST_CIS_CHIP_VERSION, static_cast<uint16_t>(std::atoi(value.c_str())), false);
-            else if (key == "CLAMP") SetValue16(ADJUST_CIS_CLAMP_LEVEL, static_cast<uint16_t>(std::atoi(value.c_str())), false);
+            if (key == "SN")
+                SetValue32(ADJUST_CIS_SN, static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 10)), false);
+            else if (key == "CHIP")
+                SetValue16(ADJUST_CIS_CHIP_VERSION, static_cast<uint16_t>(std::atoi(value.c_str())), false);
+            else if (key == "CLAMP")
+                SetValue16(ADJUST_CIS_CLAMP_LEVEL, static_cast<uint16_t>(std::atoi(value.c_str())), false);
             else if (key == "LOT") {
                 char lot[32] = {};
                 std::strncpy(lot, value.c_str(), sizeof lot - 1);
                 CAdjustDataManager::GetInstance()->SetData(ADJUST_CIS_LOT_NUMBER, lot, sizeof lot, false);
-            } else continue;
+            } else
+                continue;
             ++taken;
         }
         int32_t token = 0;
@@ -189,7 +200,8 @@ private:
     int answerCisInfo()
     {
         std::string summary = cisSummary();
-        CPTPAdjInterface::GetInstance()->SetData(reinterpret_cast<unsigned char*>(&summary[0]), static_cast<int>(summary.size()));
+        CPTPAdjInterface::GetInstance()->SetData(reinterpret_cast<unsigned char*>(&summary[0]),
+                                                 static_cast<int>(summary.size()));
         PmodeSimNote("sensor data sent to the PC (%zu bytes)", summary.size());
         return 0;
     }

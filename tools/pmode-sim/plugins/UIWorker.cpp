@@ -21,8 +21,8 @@ protected:
         const std::string step = Param(command, 0);
         if (name == "key" || name == "switch") return checkControl(command, name, step);
         if (name == "touch" && step == "calibrate") return calibrateTouch(command);
-        if (name == "led" || name == "mode" || name == "sensor" || name == "exposure" || name == "proxy" ||
-            name == "gold_model")
+        if (name == "led" || name == "mode" || name == "sensor" || name == "exposure" || name == "proxy"
+            || name == "gold_model")
             return checkPart(command);
         if (name == "line_process") return captureFrames(command, step);
         return Unknown(command);
@@ -37,8 +37,8 @@ private:
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         bool passed = !Provoked();
         int latency = 18 + static_cast<int>(part.size() % 7);
-        PmodeSimNote("%s %s: %s, %d ms", kind.c_str(), part.c_str(), passed ? "press and release seen" : "no release seen",
-                     latency);
+        PmodeSimNote("%s %s: %s, %d ms", kind.c_str(), part.c_str(),
+                     passed ? "press and release seen" : "no release seen", latency);
         WriteResult(kind + "_result.csv", "PART,PRESS,RELEASE,LATENCY_MS",
                     {part + ",OK," + (passed ? "OK," : "NG,") + std::to_string(latency)}, passed);
         return passed ? 0 : -1;

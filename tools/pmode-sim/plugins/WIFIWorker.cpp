@@ -57,8 +57,8 @@ private:
         std::this_thread::sleep_for(std::chrono::milliseconds(15));
         std::vector<std::string> rows;
         for (long i = 0; i < count && i < 16; ++i)
-            rows.push_back("LINE-AP-" + std::to_string(i + 1) + "," + std::to_string(1 + (i * 5) % 13) + "," +
-                           std::to_string(-38 - 7 * i));
+            rows.push_back("LINE-AP-" + std::to_string(i + 1) + "," + std::to_string(1 + (i * 5) % 13) + ","
+                           + std::to_string(-38 - 7 * i));
         bool passed = !rows.empty() && !Provoked();
         PmodeSimNote("wifi scan: %zu access point%s, strongest -38 dBm", rows.size(), rows.size() == 1 ? "" : "s");
         WriteResult("wifi_result.csv", "SSID,CHANNEL,RSSI_DBM", rows, passed);
