@@ -51,9 +51,9 @@ int FreePort()
 
 } // namespace
 
-PostgresServer::PostgresServer()
+PostgresServer::PostgresServer(bool durable)
 {
-    m_running = Start();
+    m_running = Start(durable);
 }
 
 PostgresServer::~PostgresServer()
@@ -63,7 +63,7 @@ PostgresServer::~PostgresServer()
     if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
 }
 
-bool PostgresServer::Start()
+bool PostgresServer::Start(bool durable)
 {
     m_bin = NewestServerBin();
     if (m_bin.empty()) {
@@ -92,7 +92,7 @@ bool PostgresServer::Start()
     }
     for (int attempt = 0; attempt < 3; ++attempt) { // another program may take the port in between
         const int port = FreePort();
-        const std::string options = "-p " + std::to_string(port) + " -k " + m_dir + " -h 127.0.0.1 -c fsync=off";
+        const std::string options = "-p " + std::to_string(port) + " -k " + m_dir + " -h 127.0.0.1" + (durable ? "" : " -c fsync=off");
         if (RunTool("pg_ctl", "-D " + m_dir + "/data -l " + m_dir + "/server.log -w -t 60 -o '" + options + "' start",
                     "pg_ctl.log")
             == 0) {

@@ -9,7 +9,8 @@
 
 class PostgresServer {
 public:
-    PostgresServer();
+    /// With durable false the server skips fsync (tests: a killed client, not a power cut).
+    explicit PostgresServer(bool durable = false);
     ~PostgresServer();
     PostgresServer(const PostgresServer&) = delete;
     PostgresServer& operator=(const PostgresServer&) = delete;
@@ -20,7 +21,7 @@ public:
     const std::string& Uri() const { return m_uri; }
 
 private:
-    bool Start();
+    bool Start(bool durable);
     /// Runs a server program (as the unprivileged user when we are root); its exit status.
     int RunTool(const std::string& tool, const std::string& args, const std::string& logName);
     std::string LogTail(const std::string& logName) const;
