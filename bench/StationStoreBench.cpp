@@ -33,7 +33,8 @@ double Seconds(const std::function<void()>& work)
 void MeasureAnswer(benchmark::State& state, ResultStore& store, const std::function<void()>& floor)
 {
     std::string error;
-    const auto session = store.BeginSession({0, "bench", "bench.batch", "", "", SessionState::RUNNING, 0, "SN", ""}, error);
+    const auto session =
+        store.BeginSession({0, "bench", "bench.batch", "", "", SessionState::RUNNING, 0, "SN", ""}, error);
     if (!session) {
         state.SkipWithError(error.c_str());
         return;

@@ -36,7 +36,8 @@ std::unique_ptr<PostgresConnection> PostgresConnection::Open(const std::string& 
         return nullptr;
     }
     // Warnings (NOTICE: relation already exists) are not the station's output.
-    PQsetNoticeProcessor(conn, [](void*, const char*) {}, nullptr);
+    PQsetNoticeProcessor(
+        conn, [](void*, const char*) {}, nullptr);
     if (!connection->Run("SET client_encoding = 'UTF8'", error)) return nullptr;
     return connection;
 }
@@ -72,10 +73,11 @@ std::optional<std::vector<SqlRow>> PostgresConnection::Query(const std::string& 
     texts.reserve(params.size());
     for (const SqlValue& value : params) texts.push_back(AsText(value));
     std::vector<const char*> values;
+    values.reserve(texts.size());
     for (const std::string& text : texts) values.push_back(text.c_str());
-    const Result result(PQexecParams(m_conn, sql.c_str(), static_cast<int>(values.size()), nullptr, values.data(),
-                                     nullptr, nullptr, 0),
-                        PQclear);
+    const Result result(
+        PQexecParams(m_conn, sql.c_str(), static_cast<int>(values.size()), nullptr, values.data(), nullptr, nullptr, 0),
+        PQclear);
     const auto status = PQresultStatus(result.get());
     if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
         error = LastError();

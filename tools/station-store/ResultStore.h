@@ -26,10 +26,10 @@ bool ParseState(const std::string& name, SessionState& state);
 
 struct SessionInfo {
     int64_t id = 0;
-    std::string station;      ///< the station's name (host name or --name)
-    std::string batch;        ///< the batch file's name, or "operator" for requests from the page
-    std::string startedAt;    ///< UTC, ISO 8601 ("2026-11-23T20:41:07.123Z")
-    std::string endedAt;      ///< empty while running
+    std::string station;   ///< the station's name (host name or --name)
+    std::string batch;     ///< the batch file's name, or "operator" for requests from the page
+    std::string startedAt; ///< UTC, ISO 8601 ("2026-11-23T20:41:07.123Z")
+    std::string endedAt;   ///< empty while running
     SessionState state = SessionState::RUNNING;
     int requestsPlanned = 0;  ///< requests in the batch (0 when unknown)
     std::string cameraSerial; ///< as the session learnt it ("" until then)
@@ -38,33 +38,33 @@ struct SessionInfo {
 
 struct RequestRecord {
     int64_t sessionId = 0;
-    int seq = 0;              ///< 1, 2, ... within the session
-    std::string text;         ///< as sent: "line lens init 1", "op 0x10030000 1795000000 0 0 0"
-    std::string step;         ///< the step it belongs to, for the yield: the command and sub-command ("lens focus_check")
+    int seq = 0;      ///< 1, 2, ... within the session
+    std::string text; ///< as sent: "line lens init 1", "op 0x10030000 1795000000 0 0 0"
+    std::string step; ///< the step it belongs to, for the yield: the command and sub-command ("lens focus_check")
     bool expectFail = false;
     std::string sentAt;
     // The answer; answered == false while none came (or none came in time).
     bool answered = false;
-    std::string answerKind;   ///< "response", "stream", "file", "none" (time-out)
+    std::string answerKind; ///< "response", "stream", "file", "none" (time-out)
     uint32_t code = 0, value2 = 0, value3 = 0;
-    std::string data;         ///< data block or file path
-    std::string describe;     ///< the answer decoded in words
-    bool passed = false;      ///< as the PC judges it (expect-fail included)
-    double millis = 0.0;      ///< time from sending to the answer
+    std::string data;     ///< data block or file path
+    std::string describe; ///< the answer decoded in words
+    bool passed = false;  ///< as the PC judges it (expect-fail included)
+    double millis = 0.0;  ///< time from sending to the answer
 };
 
 struct TableRecord {
     int64_t sessionId = 0;
-    int seq = 0;              ///< the request that brought it
-    std::string name;         ///< "key_result.csv", "data block", ...
-    std::string csv;          ///< the table as received (CSV text)
+    int seq = 0;      ///< the request that brought it
+    std::string name; ///< "key_result.csv", "data block", ...
+    std::string csv;  ///< the table as received (CSV text)
 };
 
 struct SessionFilter {
     std::string cameraSerial; ///< exact match; empty: any
     std::optional<SessionState> state;
-    std::string from, to;     ///< dates "YYYY-MM-DD" (inclusive); empty: open
-    int limit = 200;          ///< 1 to 10000
+    std::string from, to; ///< dates "YYYY-MM-DD" (inclusive); empty: open
+    int limit = 200;      ///< 1 to 10000
 };
 
 struct StepYield {
@@ -93,7 +93,8 @@ public:
     virtual bool EndSession(int64_t session, SessionState state, std::string& error) = 0;
 
     virtual std::optional<std::vector<SessionInfo>> ListSessions(const SessionFilter& filter, std::string& error) = 0;
-    virtual std::optional<SessionInfo> GetSession(int64_t session, std::string& error) = 0; ///< nullopt: unknown or error
+    virtual std::optional<SessionInfo> GetSession(int64_t session,
+                                                  std::string& error) = 0; ///< nullopt: unknown or error
     virtual std::optional<std::vector<RequestRecord>> GetRequests(int64_t session, std::string& error) = 0;
     virtual std::optional<std::vector<TableRecord>> GetTables(int64_t session, std::string& error) = 0;
     /// Requests with a verdict (an answer, or none in time) of the sessions the filter

@@ -99,12 +99,12 @@ bool SqlResultStore::Prepare(std::string& error)
         const auto version = m_db->Query("SELECT version FROM store_version", {}, error);
         if (!version) return false;
         if (version->empty())
-            return m_db->Query("INSERT INTO store_version (version) VALUES ($1)", {int64_t{StoreSchema::kVersion}},
-                               error)
+            return m_db
+                ->Query("INSERT INTO store_version (version) VALUES ($1)", {int64_t{StoreSchema::kVersion}}, error)
                 .has_value();
         if (ToInt(version->front()[0]) == StoreSchema::kVersion) return true;
-        error = "the database holds results of schema version " + version->front()[0] + "; this station writes " +
-                std::to_string(StoreSchema::kVersion);
+        error = "the database holds results of schema version " + version->front()[0] + "; this station writes "
+                + std::to_string(StoreSchema::kVersion);
         return false;
     });
 }
@@ -114,11 +114,11 @@ std::optional<int> SqlResultStore::MarkUnfinished(const std::string& station, st
     if (!StoreInput::CheckText("the station name", station, StoreInput::kMaxName, true, error)) return std::nullopt;
     std::optional<std::vector<SqlRow>> marked;
     const bool done = InTransaction(true, error, [&] {
-        marked = m_db->Query("UPDATE sessions SET state = $1, ended_at = $2 WHERE station = $3 AND state = $4 "
-                             "RETURNING id",
-                             {StateName(SessionState::UNFINISHED), StoreInput::UtcNow(), station,
-                              StateName(SessionState::RUNNING)},
-                             error);
+        marked = m_db->Query(
+            "UPDATE sessions SET state = $1, ended_at = $2 WHERE station = $3 AND state = $4 "
+            "RETURNING id",
+            {StateName(SessionState::UNFINISHED), StoreInput::UtcNow(), station, StateName(SessionState::RUNNING)},
+            error);
         return marked.has_value();
     });
     if (!done) return std::nullopt;
@@ -185,8 +185,9 @@ bool SqlResultStore::RecordAnswer(const RequestRecord& request, std::string& err
     if (!StoreInput::CheckAnswer(request, error)) return false;
     return InTransaction(true, error, [&] {
         if (!CheckSessionOpen(request.sessionId, true, error)) return false;
-        const auto pending = m_db->Query("SELECT CASE WHEN answer_kind IS NULL THEN 1 ELSE 0 END FROM requests WHERE session_id = $1 AND seq = $2",
-                                         {request.sessionId, int64_t{request.seq}}, error);
+        const auto pending = m_db->Query(
+            "SELECT CASE WHEN answer_kind IS NULL THEN 1 ELSE 0 END FROM requests WHERE session_id = $1 AND seq = $2",
+            {request.sessionId, int64_t{request.seq}}, error);
         if (!pending) return false;
         if (pending->empty() || pending->front()[0] != "1") {
             error = RequestName(request) + (pending->empty() ? " was never sent" : " has its answer already");
@@ -196,10 +197,9 @@ bool SqlResultStore::RecordAnswer(const RequestRecord& request, std::string& err
             ->Query("UPDATE requests SET answer_kind = $1, answered = $2, answered_at = $3, code = $4, value2 = $5, "
                     "value3 = $6, data = $7, description = $8, passed = $9, millis = $10 "
                     "WHERE session_id = $11 AND seq = $12",
-                    {request.answerKind, int64_t{request.answered ? 1 : 0}, StoreInput::UtcNow(),
-                     int64_t{request.code}, int64_t{request.value2}, int64_t{request.value3}, request.data,
-                     request.describe, int64_t{request.passed ? 1 : 0}, request.millis, request.sessionId,
-                     int64_t{request.seq}},
+                    {request.answerKind, int64_t{request.answered ? 1 : 0}, StoreInput::UtcNow(), int64_t{request.code},
+                     int64_t{request.value2}, int64_t{request.value3}, request.data, request.describe,
+                     int64_t{request.passed ? 1 : 0}, request.millis, request.sessionId, int64_t{request.seq}},
                     error)
             .has_value();
     });
@@ -214,8 +214,8 @@ bool SqlResultStore::RecordTable(const TableRecord& table, std::string& error)
                                       {table.sessionId, int64_t{table.seq}}, error);
         if (!sent) return false;
         if (sent->empty()) {
-            error = "request " + std::to_string(table.seq) + " of session " + std::to_string(table.sessionId) +
-                    " was never sent";
+            error = "request " + std::to_string(table.seq) + " of session " + std::to_string(table.sessionId)
+                    + " was never sent";
             return false;
         }
         return m_db
@@ -254,8 +254,8 @@ std::optional<std::vector<SessionInfo>> SqlResultStore::ListSessions(const Sessi
     if (!StoreInput::CheckFilter(filter, error)) return std::nullopt;
     std::vector<SqlValue> params;
     const std::string where = FilterClause(filter, params);
-    const std::string sql = std::string("SELECT ") + kSessionColumns + " FROM sessions s WHERE 1 = 1" + where +
-                            " ORDER BY s.started_at DESC, s.id DESC LIMIT " + Param(params, int64_t{filter.limit});
+    const std::string sql = std::string("SELECT ") + kSessionColumns + " FROM sessions s WHERE 1 = 1" + where
+                            + " ORDER BY s.started_at DESC, s.id DESC LIMIT " + Param(params, int64_t{filter.limit});
     const auto rows = m_db->Query(sql, params, error);
     if (!rows) return std::nullopt;
     std::vector<SessionInfo> sessions;
@@ -297,8 +297,8 @@ std::optional<std::vector<TableRecord>> SqlResultStore::GetTables(int64_t sessio
     std::optional<std::vector<SqlRow>> rows;
     const bool done = InTransaction(false, error, [&] {
         if (!CheckSessionOpen(session, false, error)) return false;
-        rows = m_db->Query("SELECT seq, name, csv FROM result_tables WHERE session_id = $1 ORDER BY seq, id",
-                           {session}, error);
+        rows = m_db->Query("SELECT seq, name, csv FROM result_tables WHERE session_id = $1 ORDER BY seq, id", {session},
+                           error);
         return rows.has_value();
     });
     if (!done) return std::nullopt;
@@ -315,8 +315,8 @@ std::optional<std::vector<StepYield>> SqlResultStore::YieldPerStep(const Session
     // A request counts once it has its verdict: an answer, or none in time (a fail).
     const auto rows = m_db->Query("SELECT r.step, SUM(r.passed), SUM(1 - r.passed) FROM requests r "
                                   "JOIN sessions s ON s.id = r.session_id "
-                                  "WHERE r.answer_kind IS NOT NULL AND r.step <> ''" +
-                                      where + " GROUP BY r.step ORDER BY r.step",
+                                  "WHERE r.answer_kind IS NOT NULL AND r.step <> ''"
+                                      + where + " GROUP BY r.step ORDER BY r.step",
                                   params, error);
     if (!rows) return std::nullopt;
     std::vector<StepYield> yields;

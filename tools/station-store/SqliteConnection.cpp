@@ -87,8 +87,8 @@ bool SqliteConnection::Run(const std::string& sql, std::string& error)
     return false;
 }
 
-std::optional<std::vector<SqlRow>> SqliteConnection::Query(const std::string& sql,
-                                                           const std::vector<SqlValue>& params, std::string& error)
+std::optional<std::vector<SqlRow>> SqliteConnection::Query(const std::string& sql, const std::vector<SqlValue>& params,
+                                                           std::string& error)
 {
     sqlite3_stmt* raw = nullptr;
     if (sqlite3_prepare_v2(m_db, sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr) != SQLITE_OK) {

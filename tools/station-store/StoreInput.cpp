@@ -21,10 +21,14 @@ bool IsUtf8(const std::string& text)
             ++i;
             continue;
         }
-        if ((lead & 0xE0) == 0xC0) extra = 1, point = lead & 0x1F;
-        else if ((lead & 0xF0) == 0xE0) extra = 2, point = lead & 0x0F;
-        else if ((lead & 0xF8) == 0xF0) extra = 3, point = lead & 0x07;
-        else return false;
+        if ((lead & 0xE0) == 0xC0)
+            extra = 1, point = lead & 0x1F;
+        else if ((lead & 0xF0) == 0xE0)
+            extra = 2, point = lead & 0x0F;
+        else if ((lead & 0xF8) == 0xF0)
+            extra = 3, point = lead & 0x07;
+        else
+            return false;
         if (i + extra >= size) return false; // cut short
         for (size_t k = 1; k <= extra; ++k) {
             if ((bytes[i + k] & 0xC0) != 0x80) return false;
@@ -83,8 +87,8 @@ bool StoreInput::CheckText(const char* what, const std::string& text, size_t max
     if (required && text.empty()) {
         error = std::string(what) + " is empty";
     } else if (text.size() > maxBytes) {
-        error = std::string(what) + " is " + std::to_string(text.size()) + " bytes long; at most " +
-                std::to_string(maxBytes) + " are taken";
+        error = std::string(what) + " is " + std::to_string(text.size()) + " bytes long; at most "
+                + std::to_string(maxBytes) + " are taken";
     } else if (!IsUtf8(text)) {
         error = std::string(what) + " is not UTF-8 text (or holds a NUL byte)";
     } else {
@@ -96,8 +100,8 @@ bool StoreInput::CheckText(const char* what, const std::string& text, size_t max
 bool StoreInput::CheckSession(const SessionInfo& info, std::string& error)
 {
     if (info.requestsPlanned < 0 || info.requestsPlanned > kMaxPlanned) {
-        error = "requests planned " + std::to_string(info.requestsPlanned) + " is out of range (0 to " +
-                std::to_string(kMaxPlanned) + ")";
+        error = "requests planned " + std::to_string(info.requestsPlanned) + " is out of range (0 to "
+                + std::to_string(kMaxPlanned) + ")";
         return false;
     }
     return CheckText("the station name", info.station, kMaxName, true, error)
@@ -123,8 +127,8 @@ bool StoreInput::CheckAnswer(const RequestRecord& request, std::string& error)
     const std::string& kind = request.answerKind;
     const bool known = kind == "response" || kind == "stream" || kind == "file" || kind == "none";
     if (!known || (kind == "none") == request.answered) {
-        error = "answer kind \"" + kind.substr(0, 40) + "\" does not fit " +
-                (request.answered ? "an answer (response, stream or file)" : "a missing answer (none)");
+        error = "answer kind \"" + kind.substr(0, 40) + "\" does not fit "
+                + (request.answered ? "an answer (response, stream or file)" : "a missing answer (none)");
         return false;
     }
     if (!std::isfinite(request.millis) || request.millis < 0) {
@@ -146,8 +150,9 @@ bool StoreInput::CheckFilter(const SessionFilter& filter, std::string& error)
     std::tm day{};
     if (filter.limit < 1 || filter.limit > kMaxLimit) {
         error = "limit " + std::to_string(filter.limit) + " is out of range (1 to " + std::to_string(kMaxLimit) + ")";
-    } else if (filter.state && (static_cast<int>(*filter.state) < 0
-                                || static_cast<int>(*filter.state) > static_cast<int>(SessionState::UNFINISHED))) {
+    } else if (filter.state
+               && (static_cast<int>(*filter.state) < 0
+                   || static_cast<int>(*filter.state) > static_cast<int>(SessionState::UNFINISHED))) {
         error = "the state filter is not a session state";
     } else if (!filter.from.empty() && !ParseDay(filter.from, day)) {
         error = "from date \"" + filter.from.substr(0, 40) + "\" is not a date like 2026-11-23";
@@ -176,12 +181,13 @@ std::string StoreInput::UtcNow()
 bool StoreInput::IsUtcTime(const std::string& text)
 {
     std::tm day{};
-    if (text.size() != 24 || text[10] != 'T' || text[13] != ':' || text[16] != ':' || text[19] != '.'
-        || text[23] != 'Z' || !ParseDay(text.substr(0, 10), day))
+    if (text.size() != 24 || text[10] != 'T' || text[13] != ':' || text[16] != ':' || text[19] != '.' || text[23] != 'Z'
+        || !ParseDay(text.substr(0, 10), day))
         return false;
     if (!IsDigits(text, 11, 2) || !IsDigits(text, 14, 2) || !IsDigits(text, 17, 2) || !IsDigits(text, 20, 3))
         return false;
-    return std::stoi(text.substr(11, 2)) < 24 && std::stoi(text.substr(14, 2)) < 60 && std::stoi(text.substr(17, 2)) < 61;
+    return std::stoi(text.substr(11, 2)) < 24 && std::stoi(text.substr(14, 2)) < 60
+           && std::stoi(text.substr(17, 2)) < 61;
 }
 
 std::string StoreInput::NextDay(const std::string& day)

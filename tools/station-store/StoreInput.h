@@ -13,10 +13,10 @@ namespace station {
 
 class StoreInput {
 public:
-    static constexpr size_t kMaxName = 256;           ///< station, batch, step, serials, kinds, table names
-    static constexpr size_t kMaxRequestText = 4096;   ///< a request as sent
-    static constexpr size_t kMaxDescribe = 64 * 1024; ///< an answer in words
-    static constexpr size_t kMaxBlock = 8 << 20;      ///< a data block or a received table
+    static constexpr size_t kMaxName = 256;                   ///< station, batch, step, serials, kinds, table names
+    static constexpr size_t kMaxRequestText = 4096;           ///< a request as sent
+    static constexpr size_t kMaxDescribe = size_t{64} * 1024; ///< an answer in words
+    static constexpr size_t kMaxBlock = size_t{8} << 20;      ///< a data block or a received table
     static constexpr int kMaxPlanned = 1000000;
     static constexpr int kMaxLimit = 10000;
 
