@@ -266,6 +266,11 @@ TEST_P(StationStoreTest, BadRequestsGetAClearErrorAndChangeNothing)
     }
     SessionState state{};
     for (const char* bad : {"", "Passed", "done", "running "}) EXPECT_FALSE(ParseState(bad, state)) << bad;
+    for (const std::string where : {"postgresql://postgres@127.0.0.1:1/none", "/no-such-dir/results.db", ""}) {
+        error.clear();
+        EXPECT_EQ(OpenResultStore(where, error), nullptr) << where;
+        EXPECT_THAT(error, testing::ContainsRegex("^(cannot|no SQLite)")) << where;
+    }
 }
 
 TEST_P(StationStoreTest, FiltersAndYieldPerStepGiveTheRightRows)
