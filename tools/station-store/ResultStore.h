@@ -81,12 +81,15 @@ public:
     /// Marks every RUNNING session of `station` UNFINISHED (its station died); the count.
     virtual std::optional<int> MarkUnfinished(const std::string& station, std::string& error) = 0;
 
+    /// A new running session (its state and endedAt are not taken); startedAt "" is now. Its id.
     virtual std::optional<int64_t> BeginSession(const SessionInfo& info, std::string& error) = 0;
+    /// An empty serial or product number keeps the one already stored.
     virtual bool SetIdentity(int64_t session, const std::string& cameraSerial, const std::string& productNumber,
                              std::string& error) = 0;
     virtual bool RecordSent(const RequestRecord& request, std::string& error) = 0;   ///< answered == false
     virtual bool RecordAnswer(const RequestRecord& request, std::string& error) = 0; ///< same (session, seq)
     virtual bool RecordTable(const TableRecord& table, std::string& error) = 0;
+    /// Writes to a session refuse an unknown session and one that has ended.
     virtual bool EndSession(int64_t session, SessionState state, std::string& error) = 0;
 
     virtual std::optional<std::vector<SessionInfo>> ListSessions(const SessionFilter& filter, std::string& error) = 0;
@@ -94,11 +97,14 @@ public:
                                                   std::string& error) = 0; ///< nullopt: unknown or error
     virtual std::optional<std::vector<RequestRecord>> GetRequests(int64_t session, std::string& error) = 0;
     virtual std::optional<std::vector<TableRecord>> GetTables(int64_t session, std::string& error) = 0;
+    /// Requests with a verdict (an answer, or none in time) of the sessions the filter
+    /// picks, whatever its limit; requests without a step are not counted.
     virtual std::optional<std::vector<StepYield>> YieldPerStep(const SessionFilter& filter, std::string& error) = 0;
 };
 
 /// Opens "postgresql://..." (or "postgres://...") with PostgreSQL, anything else as
-/// the path of an SQLite file. Null with a message when it cannot be opened.
+/// the path of an SQLite file, and prepares it (Prepare). Null with a message when it
+/// cannot be opened or used. Any thread; the store is then used by one at a time.
 std::unique_ptr<ResultStore> OpenResultStore(const std::string& where, std::string& error);
 
 } // namespace station
