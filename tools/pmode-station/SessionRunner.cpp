@@ -2,6 +2,7 @@
 #include "RecordJson.h"
 #include "RequestRun.h"
 
+#include <algorithm>
 #include <cstdio>
 
 using nlohmann::json;
@@ -83,9 +84,10 @@ void SessionRunner::run(std::string batchName, std::vector<BatchEntry> requests)
         publish("session", "session", SessionJson(info));
         bool allPassed = true;
         SessionState state = SessionState::PASSED;
-        if (!m_client.WaitForCamera(m_settings.waitMs)) {
-            publish("error", "message", "no camera serves the host link (is pmode-sim running in host-link mode?)");
-            state = SessionState::NO_ANSWER;
+        if (!waitForCamera()) {
+            state = m_stop ? SessionState::STOPPED : SessionState::NO_ANSWER;
+            if (!m_stop)
+                publish("error", "message", "no camera serves the host link (is pmode-sim running in host-link mode?)");
         }
         for (size_t i = 0; state == SessionState::PASSED && i < requests.size(); ++i) {
             if (m_stop) {
@@ -105,6 +107,15 @@ void SessionRunner::run(std::string batchName, std::vector<BatchEntry> requests)
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     m_busy = false;
+}
+
+bool SessionRunner::waitForCamera()
+{
+    // In short waits, so that the operator's Stop is seen while no camera serves.
+    for (int waited = 0; !m_stop; waited += 200)
+        if (m_client.WaitForCamera(std::min(200, m_settings.waitMs - waited)) || waited + 200 >= m_settings.waitMs)
+            return m_client.WaitForCamera(0);
+    return false;
 }
 
 bool SessionRunner::runOne(int64_t session, int seq, const HostRequest& request, bool& allPassed)

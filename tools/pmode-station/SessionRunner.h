@@ -44,6 +44,8 @@ public:
 
 private:
     void run(std::string batchName, std::vector<BatchEntry> requests);
+    /// Waits for the camera to serve the link; false on time-out or Stop.
+    bool waitForCamera();
     /// Sends one request, records and publishes it; false when no answer came.
     bool runOne(int64_t session, int seq, const HostRequest& request, bool& allPassed);
     void publish(const char* type, const std::string& key, const nlohmann::json& value);

@@ -111,7 +111,11 @@ void StationServer::routes()
     m_server.Get(R"(/api/sessions/([^/]*)/export\.json)", [this](const httplib::Request& req, httplib::Response& res) { oneSession(req, res, true); });
     m_server.Get("/api/yield", [this](const httplib::Request& req, httplib::Response& res) { yieldPerStep(req, res); });
     m_server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
-        if (res.body.empty()) sendError(res, res.status, res.status == 413 ? "request too large" : "no such page or call");
+        if (!res.body.empty()) return;
+        sendError(res, res.status,
+                  res.status == 404   ? "no such page or call"
+                  : res.status == 413 ? "request too large"
+                                      : "bad request (HTTP " + std::to_string(res.status) + ")");
     });
 }
 
@@ -179,7 +183,8 @@ void StationServer::oneSession(const httplib::Request& req, httplib::Response& r
         for (const auto& table : *tables) record["tables"].push_back(TableJson(table));
         return true;
     });
-    if (!found) return sendError(res, error.empty() ? 404 : 500, error.empty() ? "no session " + std::to_string(id) : error);
+    // The store names an unknown session "no session N"; anything else is its own failure.
+    if (!found) return sendError(res, error.rfind("no session", 0) == 0 ? 404 : 500, error);
     if (download)
         res.set_header("Content-Disposition", "attachment; filename=\"session-" + std::to_string(id) + ".json\"");
     sendJson(res, record);
