@@ -28,9 +28,9 @@
 // the host link.
 #include "DeviceRoot.h"
 #include "HostLinkClient.h"
+#include "PmodeSimHost.h"
 #include "RequestBatch.h"
 #include "RequestRun.h"
-#include "PmodeSimHost.h"
 #include "ToolCommandLine.h"
 
 #include "kernel.h"

@@ -20,13 +20,20 @@ json SessionJson(const station::SessionInfo& session)
 
 json RequestJson(const station::RequestRecord& request)
 {
-    return {{"seq", request.seq},         {"text", request.text},
-            {"step", request.step},       {"expectFail", request.expectFail},
-            {"sentAt", request.sentAt},   {"answered", request.answered},
-            {"answerKind", request.answerKind}, {"code", request.code},
-            {"value2", request.value2},   {"value3", request.value3},
-            {"data", request.data},       {"describe", request.describe},
-            {"passed", request.passed},   {"millis", request.millis}};
+    return {{"seq", request.seq},
+            {"text", request.text},
+            {"step", request.step},
+            {"expectFail", request.expectFail},
+            {"sentAt", request.sentAt},
+            {"answered", request.answered},
+            {"answerKind", request.answerKind},
+            {"code", request.code},
+            {"value2", request.value2},
+            {"value3", request.value3},
+            {"data", request.data},
+            {"describe", request.describe},
+            {"passed", request.passed},
+            {"millis", request.millis}};
 }
 
 json TableJson(const station::TableRecord& table)
@@ -60,8 +67,8 @@ std::string UtcNow()
 {
     const auto now = std::chrono::system_clock::now();
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const long millis = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000);
+    const long millis =
+        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000);
     std::tm utc{};
     gmtime_r(&seconds, &utc);
     char text[40];

@@ -43,8 +43,7 @@ std::string CameraIdentity::CameraSerial() const
 
 bool CameraIdentity::operator==(const CameraIdentity& other) const
 {
-    return bodySerial == other.bodySerial && sensorSerial == other.sensorSerial
-           && productNumber == other.productNumber;
+    return bodySerial == other.bodySerial && sensorSerial == other.sensorSerial && productNumber == other.productNumber;
 }
 
 void LearnIdentity(const HostRequest& request, const RequestOutcome& outcome, CameraIdentity& identity)
@@ -54,7 +53,8 @@ void LearnIdentity(const HostRequest& request, const RequestOutcome& outcome, Ca
         std::string value;
         if (!(value = valueAfter(words, 0, "sys_serial", "write")).empty()) identity.bodySerial = value;
         if (!(value = valueAfter(words, 1, "product_number", "write")).empty()) identity.productNumber = value;
-        if (!(value = valueAfter(words, 1, "cis_data", "set")).empty() && isNumber(value)) identity.sensorSerial = value;
+        if (!(value = valueAfter(words, 1, "cis_data", "set")).empty() && isNumber(value))
+            identity.sensorSerial = value;
     }
     if (!request.isLine && request.hasPayload && !outcome.answer.Failed()) {
         const std::string serial = numberAfter(request.payload, "SN=");

@@ -10,8 +10,7 @@ using station::SessionState;
 
 SessionRunner::SessionRunner(SharedStore& store, EventHub& hub, HostLinkClient& client, RunnerSettings settings)
     : m_store(store), m_hub(hub), m_client(client), m_settings(std::move(settings))
-{
-}
+{}
 
 SessionRunner::~SessionRunner()
 {
@@ -73,7 +72,8 @@ void SessionRunner::run(std::string batchName, std::vector<BatchEntry> requests)
     info.startedAt = UtcNow();
     info.requestsPlanned = static_cast<int>(requests.size());
     std::string error;
-    const std::optional<int64_t> id = m_store.With([&](station::ResultStore& s) { return s.BeginSession(info, error); });
+    const std::optional<int64_t> id =
+        m_store.With([&](station::ResultStore& s) { return s.BeginSession(info, error); });
     m_hub.Reset();
     m_identity = CameraIdentity();
     if (!id) {
@@ -94,7 +94,8 @@ void SessionRunner::run(std::string batchName, std::vector<BatchEntry> requests)
                 state = SessionState::STOPPED;
                 break;
             }
-            if (!runOne(info.id, static_cast<int>(i + 1), requests[i].request, allPassed)) state = SessionState::NO_ANSWER;
+            if (!runOne(info.id, static_cast<int>(i + 1), requests[i].request, allPassed))
+                state = SessionState::NO_ANSWER;
         }
         if (state == SessionState::PASSED && !allPassed) state = SessionState::FAILED;
         if (!m_store.With([&](station::ResultStore& s) { return s.EndSession(info.id, state, error); }))

@@ -21,7 +21,7 @@
 #include <vector>
 
 struct RunnerSettings {
-    std::string station; ///< the station's name in the records
+    std::string station;   ///< the station's name in the records
     int timeoutMs = 10000; ///< per answer
     int waitMs = 10000;    ///< for the camera to serve the link
 };

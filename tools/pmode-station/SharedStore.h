@@ -13,7 +13,8 @@ public:
     explicit SharedStore(std::unique_ptr<station::ResultStore> store) : m_store(std::move(store)) {}
 
     /// Runs work(store) under the lock and answers what it answers.
-    template <typename Work> auto With(Work&& work)
+    template <typename Work>
+    auto With(Work&& work)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         return work(*m_store);

@@ -33,12 +33,14 @@ bool readFilter(const httplib::Request& req, station::SessionFilter& filter, std
         bool known = false;
         for (const char* name : kKnown) known = known || param.first == name;
         if (!known) return (error = "unknown filter '" + param.first + "' (serial, verdict, from, to, limit)"), false;
-        if (param.second.size() > StationServer::kMaxLine) return (error = "filter '" + param.first + "' too long"), false;
+        if (param.second.size() > StationServer::kMaxLine)
+            return (error = "filter '" + param.first + "' too long"), false;
     }
     filter.cameraSerial = req.get_param_value("serial");
     if (const std::string verdict = req.get_param_value("verdict"); !verdict.empty()) {
         station::SessionState state{};
-        if (!station::ParseState(verdict, state)) return (error = "verdict '" + verdict + "' is not a session state"), false;
+        if (!station::ParseState(verdict, state))
+            return (error = "verdict '" + verdict + "' is not a session state"), false;
         filter.state = state;
     }
     filter.from = req.get_param_value("from");
@@ -67,7 +69,7 @@ bool readId(const httplib::Request& req, int64_t& id)
 StationServer::StationServer(SharedStore& store, EventHub& hub, SessionRunner& runner, std::string webDir)
     : m_store(store), m_hub(hub), m_runner(runner), m_webDir(std::move(webDir))
 {
-    m_server.set_payload_max_length(64 * 1024);
+    m_server.set_payload_max_length(size_t{64} * 1024);
     routes();
 }
 
@@ -93,22 +95,28 @@ void StationServer::routes()
     auto page = [this](const std::string& file) {
         return [this, file](const httplib::Request&, httplib::Response& res) {
             std::string html;
-            if (!ReadWholeFile(m_webDir + "/" + file, html)) return sendError(res, 404, "the page " + file + " is not installed in " + m_webDir);
+            if (!ReadWholeFile(m_webDir + "/" + file, html))
+                return sendError(res, 404, "the page " + file + " is not installed in " + m_webDir);
             res.set_content(html, "text/html; charset=utf-8");
         };
     };
     m_server.Get("/", page("index.html"));
     m_server.Get("/history", page("history.html"));
     m_server.Get("/events", [this](const httplib::Request&, httplib::Response& res) { streamEvents(res); });
-    m_server.Post("/api/start", [this](const httplib::Request& req, httplib::Response& res) { startSession(req, res); });
+    m_server.Post("/api/start",
+                  [this](const httplib::Request& req, httplib::Response& res) { startSession(req, res); });
     m_server.Post("/api/stop", [this](const httplib::Request&, httplib::Response& res) {
         if (!m_runner.Stop()) return sendError(res, 409, "no session is under way");
         sendJson(res, {{"stopping", true}});
     });
-    m_server.Get("/api/sessions", [this](const httplib::Request& req, httplib::Response& res) { listSessions(req, res, false); });
-    m_server.Get("/api/sessions.csv", [this](const httplib::Request& req, httplib::Response& res) { listSessions(req, res, true); });
-    m_server.Get(R"(/api/sessions/([^/]*))", [this](const httplib::Request& req, httplib::Response& res) { oneSession(req, res, false); });
-    m_server.Get(R"(/api/sessions/([^/]*)/export\.json)", [this](const httplib::Request& req, httplib::Response& res) { oneSession(req, res, true); });
+    m_server.Get("/api/sessions",
+                 [this](const httplib::Request& req, httplib::Response& res) { listSessions(req, res, false); });
+    m_server.Get("/api/sessions.csv",
+                 [this](const httplib::Request& req, httplib::Response& res) { listSessions(req, res, true); });
+    m_server.Get(R"(/api/sessions/([^/]*))",
+                 [this](const httplib::Request& req, httplib::Response& res) { oneSession(req, res, false); });
+    m_server.Get(R"(/api/sessions/([^/]*)/export\.json)",
+                 [this](const httplib::Request& req, httplib::Response& res) { oneSession(req, res, true); });
     m_server.Get("/api/yield", [this](const httplib::Request& req, httplib::Response& res) { yieldPerStep(req, res); });
     m_server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
         if (!res.body.empty()) return;
@@ -124,7 +132,8 @@ void StationServer::startSession(const httplib::Request& req, httplib::Response&
     const json body = json::parse(req.body, nullptr, false);
     if (!body.is_object()) return sendError(res, 400, "the body is not a JSON object");
     const bool isBatch = body.contains("batch"), isLine = body.contains("request");
-    if (isBatch == isLine) return sendError(res, 400, "give either \"batch\" (a batch file) or \"request\" (one request)");
+    if (isBatch == isLine)
+        return sendError(res, 400, "give either \"batch\" (a batch file) or \"request\" (one request)");
     const json& value = isBatch ? body["batch"] : body["request"];
     if (!value.is_string()) return sendError(res, 400, "the value is not a string");
     const std::string text = value.get<std::string>();
@@ -198,7 +207,8 @@ void StationServer::yieldPerStep(const httplib::Request& req, httplib::Response&
     auto steps = m_store.With([&](station::ResultStore& s) { return s.YieldPerStep(filter, error); });
     if (!steps) return sendError(res, 500, error);
     json list = json::array();
-    for (const auto& step : *steps) list.push_back({{"step", step.step}, {"passed", step.passed}, {"failed", step.failed}});
+    for (const auto& step : *steps)
+        list.push_back({{"step", step.step}, {"passed", step.passed}, {"failed", step.failed}});
     sendJson(res, list);
 }
 

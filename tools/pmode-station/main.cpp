@@ -53,8 +53,9 @@ static int runTool(int argc, char** argv)
     CLI::App app("The factory line's station: drives a camera over the host link as pmode-pc does, keeps every "
                  "session in a results database and serves the operator's live and history pages on 127.0.0.1.",
                  "pmode-station");
-    toolcli::Describe(app, "0 the station served until it was stopped (SIGINT, SIGTERM); 1 it could not start (the "
-                           "database, the port, the page's files); 2 a wrong argument, a bad batch file or no device root");
+    toolcli::Describe(app,
+                      "0 the station served until it was stopped (SIGINT, SIGTERM); 1 it could not start (the "
+                      "database, the port, the page's files); 2 a wrong argument, a bad batch file or no device root");
     std::string given, db = "pmode-station.db", batchPath, name = hostName(), webDir = defaultWebDir();
     int port = 8080;
     double timeout = 10.0, wait = 10.0;
