@@ -118,7 +118,10 @@ static int runTool(int argc, char** argv)
     }
     sigset_t signals;
     sigemptyset(&signals);
-    for (int signal : {SIGINT, SIGTERM, SIGUSR1}) sigaddset(&signals, signal);
+    for (int signal : {SIGINT, SIGTERM, SIGUSR1}) {
+        std::signal(signal, SIG_DFL); // a shell's background job starts with SIGINT ignored: sigwait would never see it
+        sigaddset(&signals, signal);
+    }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     EventHub hub;
