@@ -89,6 +89,24 @@ protected:
     std::unique_ptr<httplib::Client> client;
 };
 
+TEST_F(StationTest, CommandLineHelpVersionAndWrongArguments)
+{
+    root.WriteFile("/bad.batch", "line lens init 1\nsend lens init 1\n");
+    const std::string st = "pmode-station --root " + root.Dir() + " ";
+    pmtool::ExpectRuns({
+        {"pmode-station --help", 0, {"--root", "--port", "--db", "--batch", "--name", "--timeout", "--wait", "--web", "exit status: "}},
+        {"pmode-station --version", 0, {"pmode-station 0."}},
+        {st + "--port 65536", 2, {"--port: '65536'"}}, {st + "--port x", 2, {"--port: 'x'"}},
+        {st + "--timeout 0", 2, {"--timeout: '0'"}}, {st + "extra", 2, {"extra"}},
+        {st + "--batch " + root.Host("/bad.batch"), 2, {root.Host("/bad.batch") + ":2: error: unknown request 'send'"}},
+        {st + "--batch " + root.Dir(), 2, {"it is a directory"}},
+        {"pmode-station --root / --port 0", 2, {"give --root DIR or set PMODE_ROOT=DIR"}},
+        {"env -u PMODE_ROOT pmode-station --port 0", 2, {"no device root"}},
+        {st + "--port 0 --web " + root.Dir(), 1, {"the page's files are not in " + root.Dir()}},
+        {st + "--port 0 --db " + root.Host("/no/dir/station.db"), 1, {"cannot use the results database"}},
+    });
+}
+
 TEST_F(StationTest, ABadRequestFromThePageGetsAClearErrorAndChangesNothing)
 {
     StartStation("--wait 0.2");
