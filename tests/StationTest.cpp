@@ -27,12 +27,14 @@ public:
         if (m_pipe == nullptr || fscanf(m_pipe, "%d", &m_pid) != 1) ADD_FAILURE() << "cannot start " << commandLine;
     }
     ~Background() { Stop(SIGKILL); }
-    void Stop(int signal)
+    /// Signals the tool and waits for it: its exit status, -1 when a signal ended it.
+    int Stop(int signal)
     {
-        if (m_pipe == nullptr) return;
+        if (m_pipe == nullptr) return -1;
         kill(m_pid, signal);
-        pclose(m_pipe);
+        const int status = pclose(m_pipe);
         m_pipe = nullptr;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
 private:
@@ -162,7 +164,8 @@ TEST_F(StationTest, LateAnswerStopAndKilledStationEachLeaveTheirState)
     EXPECT_EQ(record["requests"][1]["answerKind"], "none");
     EXPECT_FALSE(record["requests"][1]["passed"]);
     camera.Stop(SIGINT); // it marks the link "stopped"
-    station->Stop(SIGTERM);
+    EXPECT_EQ(station->Stop(SIGINT), 0);
+    EXPECT_NE(root.ReadFile("/station.txt").find("pmode-station: stopped by SIGINT"), std::string::npos);
 
     // No camera any more: the operator stops a session that waits for one; the next is killed with its station.
     root.WriteFile("/one.batch", "line lens init 1\n");

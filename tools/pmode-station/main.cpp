@@ -80,6 +80,14 @@ static int runTool(int argc, char** argv)
         ->type_name("DIR");
     if (const int status = toolcli::Parse(app, argc, argv); status >= 0) return status;
 
+    // Blocked before any thread starts (the key-value store's, the server's), taken by signalWatcher.
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal : {SIGINT, SIGTERM, SIGUSR1}) {
+        std::signal(signal, SIG_DFL); // a shell's background job starts with SIGINT ignored: sigwait would never see it
+        sigaddset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::string root, error;
     if (!devroot::Use(given, root, error)) {
         std::fprintf(stderr, "pmode-station: %s\n", error.c_str());
@@ -116,13 +124,6 @@ static int runTool(int argc, char** argv)
         std::fprintf(stderr, "pmode-station: cannot subscribe to the answer keys below %s\n", root.c_str());
         return 1;
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int signal : {SIGINT, SIGTERM, SIGUSR1}) {
-        std::signal(signal, SIG_DFL); // a shell's background job starts with SIGINT ignored: sigwait would never see it
-        sigaddset(&signals, signal);
-    }
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     EventHub hub;
     SessionRunner runner(store, hub, client,
