@@ -16,7 +16,7 @@ inline std::string Source(const std::string& path) { return std::string(std::get
 /// Puts the built tools first on a shell command's PATH (in a cross build, emulated-tools runs them under the emulator).
 inline const std::string kToolsFirst = "PATH=$PM_TEST_BINARY_DIR/emulated-tools:$PM_TEST_BINARY_DIR/tools/pmode-sim:"
                                        "$PM_TEST_BINARY_DIR/tools/pmode-pc:$PM_TEST_BINARY_DIR/tools/pmode-kv:"
-                                       "$PM_TEST_BINARY_DIR/tools/adjtool:$PATH ";
+                                       "$PM_TEST_BINARY_DIR/tools/adjtool:$PM_TEST_BINARY_DIR/tools/pmode-station:$PATH ";
 
 struct Result { int status = -1; std::string output; }; // status: the exit status, -1 when it did not end by itself
 

@@ -29,6 +29,8 @@
 #include "DeviceRoot.h"
 #include "HostLinkClient.h"
 #include "PmodeSimHost.h"
+#include "RequestBatch.h"
+#include "RequestRun.h"
 #include "ToolCommandLine.h"
 
 #include "kernel.h"
@@ -46,141 +48,9 @@
 
 namespace {
 
-struct Request {
-    bool isLine = true;
-    std::string line; ///< the script line
-    uint32_t code = 0;
-    uint32_t args[4] = {0, 0, 0, 0};
-    bool hasPayload = false;
-    std::string payload;
-    bool expectFail = false;
-    std::string text; ///< as written, for the report
-};
-
-/// A 32-bit unsigned value, decimal or 0x hexadecimal.
-bool parseNumber(const std::string& text, uint32_t& out)
-{
-    long long value = 0;
-    if (!toolcli::ParseWhole(text, value) || value < 0 || value > 0xFFFFFFFFll) return false;
-    out = static_cast<uint32_t>(value);
-    return true;
-}
-
-/// What is wrong with a word of an operation: its code (first) or an argument; empty when nothing is.
-std::string wordError(const std::string& word, bool isCode)
-{
-    uint32_t value = 0;
-    if ((!isCode && word == "size")
-        || (parseNumber(word, value) && (!isCode || HostLinkClient::OperationName(value) != nullptr)))
-        return "";
-    if (!parseNumber(word, value))
-        return "'" + word + "' is not a number from 0 to 0xFFFFFFFF" + (isCode ? "" : " or \"size\"");
-    return "'" + word
-           + "' is an operation code the camera does not serve (0x10011000 shutter_speed2, "
-             "0x10021000 cis_data2, 0x10021001 cis_data_info, 0x10030000 rtc2, 0x10040000 paf2)";
-}
-
 CLI::Validator wordCheck(bool isCode)
 {
-    return CLI::Validator([isCode](std::string& word) { return wordError(word, isCode); }, "");
-}
-
-bool readFile(const std::string& path, std::string& out)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return false;
-    std::stringstream content;
-    content << file.rdbuf();
-    out = content.str();
-    return true;
-}
-
-/// Fills an operation from its words (after "op"); error names what is wrong.
-bool parseOperation(const std::vector<std::string>& words, const std::string& baseDir, Request& request,
-                    std::string& error)
-{
-    request.isLine = false;
-    size_t argCount = 0;
-    int sizeArg = -1; // the argument that stands for the payload's size
-    bool haveCode = false;
-    for (size_t i = 0; i < words.size(); ++i) {
-        const std::string& word = words[i];
-        std::string payloadPath;
-        if (word == "--payload" && i + 1 < words.size())
-            payloadPath = words[++i];
-        else if (word.rfind("payload=", 0) == 0)
-            payloadPath = word.substr(8);
-        if (!payloadPath.empty()) {
-            if (!baseDir.empty() && payloadPath[0] != '/') payloadPath = baseDir + "/" + payloadPath;
-            if (!readFile(payloadPath, request.payload)) {
-                error = "cannot read the payload file " + payloadPath;
-                return false;
-            }
-            request.hasPayload = true;
-            continue;
-        }
-        const bool isCode = !haveCode;
-        if (!(error = wordError(word, isCode)).empty()) return false;
-        if (!isCode && argCount >= 4) {
-            error = "more than four arguments";
-            return false;
-        }
-        uint32_t value = 0;
-        if (word == "size")
-            sizeArg = static_cast<int>(argCount);
-        else
-            parseNumber(word, value);
-        if (isCode)
-            request.code = value;
-        else
-            request.args[argCount++] = value;
-        haveCode = true;
-    }
-    if (!haveCode) {
-        error = "an operation needs its code";
-        return false;
-    }
-    if (sizeArg >= 0) request.args[sizeArg] = static_cast<uint32_t>(request.payload.size());
-    return true;
-}
-
-std::vector<std::string> splitWords(const std::string& text)
-{
-    std::vector<std::string> words;
-    std::istringstream in(text);
-    for (std::string word; in >> word;) words.push_back(word);
-    return words;
-}
-
-/// Parses one request from its words ("line ...", "op ...", optionally after "expect-fail").
-bool parseRequest(const std::string& text, const std::string& baseDir, Request& request, std::string& error)
-{
-    std::vector<std::string> words = splitWords(text);
-    request.text = text;
-    if (!words.empty() && words[0] == "expect-fail") {
-        request.expectFail = true;
-        words.erase(words.begin());
-    }
-    if (words.empty()) {
-        error = "empty request";
-        return false;
-    }
-    std::string kind = words[0];
-    words.erase(words.begin());
-    if (kind == "line") {
-        if (words.empty()) {
-            error = "a script line needs words";
-            return false;
-        }
-        // The line goes as written after "line": the camera splits it itself.
-        size_t at = text.find("line") + 4;
-        while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
-        request.line = text.substr(at);
-        return true;
-    }
-    if (kind == "op") return parseOperation(words, baseDir, request, error);
-    error = "unknown request '" + kind + "' (line or op)";
-    return false;
+    return CLI::Validator([isCode](std::string& word) { return HostRequest::WordError(word, isCode); }, "");
 }
 
 void printIndented(const std::string& text)
@@ -195,17 +65,13 @@ void printIndented(const std::string& text)
 }
 
 /// Sends one request, prints it and its answer; true when the answer is the one expected.
-bool runRequest(HostLinkClient& client, const Request& request, int index, int timeoutMs)
+bool runRequest(HostLinkClient& client, const HostRequest& request, int index, int timeoutMs)
 {
     std::printf("[%2d] %s\n", index, request.text.c_str());
-    auto start = std::chrono::steady_clock::now();
-    HostAnswer answer = request.isLine
-                            ? client.SendLine(request.line, timeoutMs)
-                            : client.SendOperation(request.code, request.args,
-                                                   request.hasPayload ? &request.payload : nullptr, timeoutMs);
-    double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    bool asExpected = answer.kind != HostAnswer::NONE && answer.Failed() == request.expectFail;
-    const char* verdict = asExpected ? (request.expectFail ? "PASS (failure expected)" : "PASS") : "FAIL";
+    const RequestOutcome outcome = RunRequest(client, request, timeoutMs);
+    const HostAnswer& answer = outcome.answer;
+    const char* verdict = outcome.Verdict(request.expectFail);
+    const double ms = outcome.millis;
     switch (answer.kind) {
     case HostAnswer::RESPONSE:
         std::printf("     -> response 0x%08X 0x%X 0x%X: %s  [%s, %.0f ms]\n", answer.code, answer.value2, answer.value3,
@@ -215,64 +81,38 @@ bool runRequest(HostLinkClient& client, const Request& request, int index, int t
         std::printf("     -> %s  [%s, %.0f ms]\n", answer.Describe().c_str(), verdict, ms);
         printIndented(answer.text);
         break;
-    case HostAnswer::FILE_PATH: {
-        std::string content;
-        bool readable = readFile(KernelPath(answer.text.c_str()), content);
+    case HostAnswer::FILE_PATH:
         std::printf("     -> %s (%s)  [%s, %.0f ms]\n", answer.Describe().c_str(),
-                    readable ? (std::to_string(content.size()) + " bytes").c_str() : "not readable", verdict, ms);
-        if (readable) printIndented(content);
+                    outcome.fileReadable ? (std::to_string(outcome.fileContent.size()) + " bytes").c_str()
+                                         : "not readable",
+                    verdict, ms);
+        if (outcome.fileReadable) printIndented(outcome.fileContent);
         break;
-    }
     case HostAnswer::NONE: std::printf("     -> no answer within %d ms  [FAIL]\n", timeoutMs); break;
     }
-    return asExpected;
+    return outcome.asExpected;
 }
-
-using Batch = std::vector<std::pair<int, Request>>; ///< requests with their line numbers
 
 /// Reads and checks a batch file before anything is sent; false (reported) on any error.
-bool loadBatch(const std::string& path, Batch& requests)
+bool loadBatch(const std::string& path, std::vector<BatchEntry>& requests)
 {
-    std::ifstream file(path);
-    if (std::filesystem::is_directory(path) || !file) {
-        std::fprintf(stderr, "pmode-pc: cannot read the batch file %s%s\n", path.c_str(),
-                     std::filesystem::is_directory(path) ? ": it is a directory" : "");
-        return false;
-    }
-    std::string baseDir = std::filesystem::path(path).parent_path().string();
-    int lineNumber = 0;
-    bool good = true;
-    for (std::string line; std::getline(file, line);) {
-        ++lineNumber;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        std::vector<std::string> words = splitWords(line);
-        if (words.empty() || words[0][0] == '#') continue;
-        Request request;
-        std::string error;
-        if (!parseRequest(line, baseDir, request, error)) {
-            std::fprintf(stderr, "%s:%d: error: %s\n", path.c_str(), lineNumber, error.c_str());
-            good = false;
-            continue;
-        }
-        requests.emplace_back(lineNumber, request);
-    }
-    if (good && requests.empty()) {
-        std::fprintf(stderr, "pmode-pc: the batch file %s holds no request\n", path.c_str());
-        return false;
-    }
-    return good && !file.bad();
+    std::vector<BatchError> errors;
+    const bool good = LoadBatch(path, requests, errors);
+    for (const BatchError& error : errors)
+        std::fprintf(stderr, "%s%s\n", error.lineNumber > 0 ? "" : "pmode-pc: ", error.Format(path).c_str());
+    return good;
 }
 
-int runBatch(HostLinkClient& client, const std::string& path, const Batch& requests, int timeoutMs)
+int runBatch(HostLinkClient& client, const std::string& path, const std::vector<BatchEntry>& requests, int timeoutMs)
 {
     int passed = 0;
     std::vector<std::string> failures;
     auto start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < requests.size(); ++i) {
-        if (runRequest(client, requests[i].second, static_cast<int>(i + 1), timeoutMs))
+        if (runRequest(client, requests[i].request, static_cast<int>(i + 1), timeoutMs))
             ++passed;
         else
-            failures.push_back(path + ":" + std::to_string(requests[i].first) + ": " + requests[i].second.text);
+            failures.push_back(path + ":" + std::to_string(requests[i].lineNumber) + ": " + requests[i].request.text);
     }
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("batch %s: %zu requests, %d passed, %zu failed, %.2f s\n", path.c_str(), requests.size(), passed,
@@ -343,8 +183,8 @@ static int runTool(int argc, char** argv)
         return 2;
     }
 
-    Request single;
-    Batch requests;
+    HostRequest single;
+    std::vector<BatchEntry> requests;
     if (batch->parsed()) {
         if (!loadBatch(batchPath, requests)) return 2;
     } else if (op->parsed()) {
@@ -353,7 +193,7 @@ static int runTool(int argc, char** argv)
             if (argOptions[i]->count() > 0) words.push_back(args[i]);
     }
     if (!batch->parsed()
-        && !parseRequest(requestText(line->parsed() ? "line" : "op", words, payload), "", single, error)) {
+        && !HostRequest::Parse(requestText(line->parsed() ? "line" : "op", words, payload), "", single, error)) {
         std::fprintf(stderr, "pmode-pc: %s\n", error.c_str());
         return 2;
     }
