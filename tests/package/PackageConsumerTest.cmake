@@ -36,6 +36,17 @@ if(NOT demo_output MATCHES "plug-ins: 7 loaded from ${prefix}/")
   message(FATAL_ERROR "the installed pmode-sim did not load its installed demo plug-ins:\n${demo_output}")
 endif()
 
+# The installed station finds its libraries and its page's files from the moved
+# tree: it serves until SIGINT, which ends it with exit 0.
+if(WITH_STATION)
+  file(MAKE_DIRECTORY ${WORK_DIR}/root-station)
+  pm_run(timeout --preserve-status -s INT 3 ${prefix}/bin/pmode-station --root ${WORK_DIR}/root-station --port 0
+    --db ${WORK_DIR}/station.db OUTPUT station_output)
+  if(NOT station_output MATCHES "station: http://127\\.0\\.0\\.1:[0-9]+/")
+    message(FATAL_ERROR "the installed pmode-station did not serve its page:\n${station_output}")
+  endif()
+endif()
+
 foreach(build IN ITEMS with-cmake with-pkg-config)
   string(REPLACE "-" "_" name ${build})
   pm_sim(${name} ${SOURCE_DIR}/examples/plugin/card --plugins ${WORK_DIR}/${build})

@@ -26,11 +26,15 @@ std::string hostName()
     return gethostname(name, sizeof name - 1) == 0 && name[0] != '\0' ? name : "station";
 }
 
-/// The folder of the page's files: beside the program, as the build puts them.
+/// The folder of the page's files: "web" beside the program, as the build puts
+/// them; otherwise the installed data folder, relative to the program.
 std::string defaultWebDir()
 {
     std::error_code ignored;
-    return (std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path() / "web").string();
+    const std::filesystem::path programDir = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+    const std::filesystem::path beside = programDir / "web";
+    if (std::filesystem::is_regular_file(beside / "index.html", ignored)) return beside.string();
+    return (programDir / PM_STATION_INSTALLED_WEB).lexically_normal().string();
 }
 
 /// Stops the server and the session under way at SIGINT or SIGTERM (blocked in every thread; taken here).
@@ -76,7 +80,8 @@ static int runTool(int argc, char** argv)
     app.add_option("--wait", wait, "seconds to wait for the camera to serve the host link (default 10)")
         ->type_name("SEC")
         ->check(toolcli::Seconds(0.0, true, 86400.0));
-    app.add_option("--web", webDir, "the folder of the page's files (default: web beside the program)")
+    app.add_option("--web", webDir,
+                   "the folder of the page's files (default: web beside the program, or the installed one)")
         ->type_name("DIR");
     if (const int status = toolcli::Parse(app, argc, argv); status >= 0) return status;
 
