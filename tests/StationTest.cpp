@@ -76,14 +76,25 @@ protected:
         return res ? json::parse(res->body, nullptr, false) : json();
     }
 
-    /// The record of session id once it has ended (or failed the test after 30 s).
-    json Ended(int id)
+    /// The record of session id once `done` holds for it (or failed the test after 30 s). A session is
+    /// recorded by the station's session thread, so it may not exist yet when its start was answered.
+    json Await(int id, bool (*done)(const json& record), const char* what)
     {
         json record;
-        for (int i = 0; i < 1500; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-            if ((record = Get("/api/sessions/" + std::to_string(id)))["session"]["state"] != "running") return record;
-        ADD_FAILURE() << "session " << id << " did not end: " << record.dump();
+        for (int i = 0; i < 1500; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+            auto res = client->Get(("/api/sessions/" + std::to_string(id)).c_str());
+            if (res && res->status == 200 && done(record = json::parse(res->body, nullptr, false))) return record;
+        }
+        ADD_FAILURE() << "session " << id << " is not " << what << ": " << record.dump();
         return record;
+    }
+    json Ended(int id)
+    {
+        return Await(id, [](const json& r) { return r["session"]["state"] != "running"; }, "ended");
+    }
+    json Running(int id)
+    {
+        return Await(id, [](const json& r) { return r["session"]["state"] == "running"; }, "running");
     }
 
     TestRoot root;
@@ -170,11 +181,11 @@ TEST_F(StationTest, LateAnswerStopAndKilledStationEachLeaveTheirState)
     // No camera any more: the operator stops a session that waits for one; the next is killed with its station.
     root.WriteFile("/one.batch", "line lens init 1\n");
     StartStation("--wait 60 --batch " + root.Host("/one.batch"));
-    EXPECT_EQ(Get("/api/sessions/2")["session"]["state"], "running");
+    EXPECT_EQ(Running(2)["session"]["state"], "running");
     Post("/api/stop", "{}");
     EXPECT_EQ(Ended(2)["session"]["state"], "stopped");
     Post("/api/start", "{\"batch\": \"" + root.Host("/one.batch") + "\"}");
-    EXPECT_EQ(Get("/api/sessions/3")["session"]["state"], "running");
+    EXPECT_EQ(Running(3)["session"]["state"], "running");
     station->Stop(SIGKILL);
     StartStation("--wait 0.2");
     EXPECT_NE(root.ReadFile("/station.txt").find("station: 1 unfinished session(s) of test marked"), std::string::npos);
