@@ -144,12 +144,7 @@ static int runTool(int argc, char** argv)
     double timeout = 10.0, wait = 10.0;
     app.add_option("--root", given, std::string("the device root (default: $PMODE_ROOT); ") + devroot::kHowToGive)
         ->type_name("DIR");
-    app.add_option("--timeout", timeout, "seconds to wait for each answer (default 10)")
-        ->type_name("SEC")
-        ->check(toolcli::Seconds(0.0, false, 86400.0));
-    app.add_option("--wait", wait, "seconds to wait for pmode-sim to serve the host link (default 10)")
-        ->type_name("SEC")
-        ->check(toolcli::Seconds(0.0, true, 86400.0));
+    toolcli::AddHostLinkWaits(app, timeout, wait);
     app.require_subcommand(1);
     CLI::App* line = app.add_subcommand("line", "send one script line; words that start with \"-\" follow \"--\"");
     line->add_option("WORDS", words, "the line's words")->required();

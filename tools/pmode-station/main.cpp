@@ -74,12 +74,7 @@ static int runTool(int argc, char** argv)
         ->type_name("WHERE");
     app.add_option("--batch", batchPath, "run this batch file as a session at start")->type_name("FILE");
     app.add_option("--name", name, "the station's name in the records (default: the host name)")->type_name("STATION");
-    app.add_option("--timeout", timeout, "seconds to wait for each answer (default 10)")
-        ->type_name("SEC")
-        ->check(toolcli::Seconds(0.0, false, 86400.0));
-    app.add_option("--wait", wait, "seconds to wait for the camera to serve the host link (default 10)")
-        ->type_name("SEC")
-        ->check(toolcli::Seconds(0.0, true, 86400.0));
+    toolcli::AddHostLinkWaits(app, timeout, wait);
     app.add_option("--web", webDir,
                    "the folder of the page's files (default: web beside the program, or the installed one)")
         ->type_name("DIR");

@@ -123,4 +123,14 @@ int Guarded(const char* tool, int (*body)(int, char**), int argc, char** argv) n
     return 1;
 }
 
+void AddHostLinkWaits(CLI::App& app, double& timeout, double& wait)
+{
+    app.add_option("--timeout", timeout, "seconds to wait for each answer (default 10)")
+        ->type_name("SEC")
+        ->check(Seconds(0.0, false, 86400.0));
+    app.add_option("--wait", wait, "seconds to wait for the camera (pmode-sim) to serve the host link (default 10)")
+        ->type_name("SEC")
+        ->check(Seconds(0.0, true, 86400.0));
+}
+
 } // namespace toolcli

@@ -38,6 +38,10 @@ CLI::Validator Seconds(double low, bool lowIncluded, double high);
 /// the work not done, instead of terminating the process.
 int Guarded(const char* tool, int (*body)(int, char**), int argc, char** argv) noexcept;
 
+/// The host-link waits of the factory PC's programs: "--timeout SEC" for each
+/// answer (above 0) and "--wait SEC" for the camera to serve the link (0 or more).
+void AddHostLinkWaits(CLI::App& app, double& timeout, double& wait);
+
 /// Reads a whole number as Whole does; false for anything else (no range check).
 bool ParseWhole(const std::string& text, long long& value);
 
